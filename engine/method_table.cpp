@@ -1,0 +1,71 @@
+// The method table and the single dispatcher through which every action of
+// every method is run.
+#include <cstring>
+
+#include "engine/engine.h"
+#include "engine/log.h"
+
+// Fixed order: the index of an entry is its place here. Empty slots are
+// actions a method does not offer; the dispatcher answers them with -2.
+const zq_diag_method zq_method_table[ZQ_METHOD_COUNT] = {
+    {"cmd", zq_get_cmd_raw_data, nullptr, nullptr, nullptr, cmd_envoy},
+    {"port_status", nullptr, nullptr, nullptr, nullptr, port_status_envoy},
+    {"ping", nullptr, nullptr, nullptr, nullptr, ping_envoy},
+    {"wan_status", nullptr, nullptr, nullptr, nullptr, wan_status_envoy},
+    {"sys_status", nullptr, nullptr, nullptr, nullptr, sys_status_envoy},
+    {"pon_status", nullptr, nullptr, nullptr, nullptr, pon_status_envoy},
+    {"wan_params", nullptr, nullptr, nullptr, nullptr, wan_params_envoy},
+    {"dns_status", nullptr, nullptr, nullptr, nullptr, dns_status_envoy},
+    {"dhcp_config", nullptr, nullptr, nullptr, nullptr, dhcp_config_envoy},
+    {"pppoe_status", nullptr, nullptr, nullptr, nullptr, pppoe_status_envoy},
+    {"route_status", nullptr, nullptr, nullptr, nullptr, route_status_envoy},
+    {"dhcp_status", nullptr, nullptr, nullptr, nullptr, dhcp_status_envoy},
+};
+
+int find_method_index(const char *method, uint64_t *index) {
+    if (!method || method[0] == '\0') return -1;
+    for (uint64_t i = 0; i < ZQ_METHOD_COUNT; ++i) {
+        if (strcmp(method, zq_method_table[i].name) == 0) {
+            if (index) *index = i;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int call_action_of_method(const char *method, uint32_t action, zq_diag_args args, uint64_t index) {
+    const zq_diag_method &entry = zq_method_table[index];
+    const zq_action_fn slots[] = {entry.raw_data, entry.get_struct, entry.diag, entry.fix};
+    if (action > ACTION_FIX || !slots[action]) {
+        ZQ_LOG("can't find the action of %s", method);
+        return -2;
+    }
+    if (slots[action](args) != 0) {
+        ZQ_LOG("%s[%d] diag process fail", method, static_cast<int>(action));
+        return -5;
+    }
+    return 0;
+}
+
+int zq_get_sys_diag(const char *method, uint32_t action, zq_diag_args args) {
+    // The last step of every path gives the permit back.
+    if (method && strcmp(method, "end") == 0) {
+        release_diag_permit();
+        return 0;
+    }
+    uint64_t index = 0;
+    if (find_method_index(method, &index) != 0) {
+        ZQ_LOG("can't find the method %s", method ? method : "(null)");
+        return -1;
+    }
+    const zq_diag_method &entry = zq_method_table[index];
+    if (!entry.envoy) {
+        ZQ_LOG("method %s is incomplete", entry.name);
+        return -3;
+    }
+    if (entry.envoy(action, args) != 0) {
+        ZQ_LOG("%s[%d] envoy is illegal", entry.name, static_cast<int>(action));
+        return -4;
+    }
+    return call_action_of_method(entry.name, action, args, index);
+}

@@ -1,0 +1,143 @@
+// The diagnosis permit (a system-wide try-lock on a named semaphore), the
+// alarm word kept by another gateway process, and the diagnosis manager's
+// notification.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include "engine/engine.h"
+#include "engine/log.h"
+#include "engine/util.h"
+
+namespace {
+
+constexpr const char *ALARM_KEY_PATH = "/tmp";
+constexpr int ALARM_KEY_ID = 955000;
+constexpr size_t PID_READ_SIZE = 32;
+
+// Per-process caches. Racing writers store the same values.
+std::atomic<uint32_t *> alarm_address{nullptr};
+std::atomic<uint32_t> alarm_value{0};
+std::atomic<int> diag_manager_pid{0};
+
+sem_t *open_permit() {
+    sem_t *sem = sem_open(ZQ_PERMIT_NAME, O_CREAT, 0644, 1);
+    return sem == SEM_FAILED ? nullptr : sem;
+}
+
+} // namespace
+
+int get_diag_permit() {
+    if (diag_manager_pid.load(std::memory_order_relaxed) == 0)
+        diag_manager_pid.store(read_diag_manager_pid(), std::memory_order_relaxed);
+    if (diag_manager_pid.load(std::memory_order_relaxed) == 0) return -1;
+    if (check_diag_alarm_value(ALARM_HIGH_CPU)) {
+        ZQ_LOG("system busy [high cpu usage]");
+        return -1;
+    }
+    if (check_diag_alarm_value(ALARM_HIGH_MEMORY)) ZQ_LOG("system busy [high memory usage], disable tcpdump");
+    sem_t *sem = open_permit();
+    if (!sem) {
+        ZQ_LOG("open sem fail");
+        return -1;
+    }
+    if (sem_trywait(sem) != 0) return -1;
+    notify_diag_manager();
+    return 0;
+}
+
+int is_diag_permit_holding() {
+    sem_t *sem = open_permit();
+    if (!sem) {
+        ZQ_LOG("open sem fail");
+        return 0;
+    }
+    int value = -1;
+    return sem_getvalue(sem, &value) == 0 && value == 0 ? 1 : 0;
+}
+
+int release_permit() {
+    sem_t *sem = open_permit();
+    if (!sem) {
+        ZQ_LOG("open sem fail");
+        return 0;
+    }
+    return sem_post(sem);
+}
+
+// Posting only a taken permit keeps the semaphore at most 1.
+int release_diag_permit() { return is_diag_permit_holding() ? release_permit() : 0; }
+
+void *get_shm_space() {
+    key_t key = ftok(ALARM_KEY_PATH, ALARM_KEY_ID);
+    if (key == -1) {
+        ZQ_LOG("get ftok fail");
+        return nullptr;
+    }
+    int id = shmget(key, sizeof(uint32_t), IPC_CREAT);
+    if (id == -1) {
+        ZQ_LOG("shm open fail");
+        return nullptr;
+    }
+    void *addr = shmat(id, nullptr, 0);
+    return addr == reinterpret_cast<void *>(-1) ? nullptr : addr;
+}
+
+uint32_t get_diag_alarm_value() {
+    uint32_t *addr = alarm_address.load(std::memory_order_relaxed);
+    if (!addr) {
+        addr = static_cast<uint32_t *>(get_shm_space());
+        alarm_address.store(addr, std::memory_order_relaxed);
+    }
+    if (addr) alarm_value.store(__atomic_load_n(addr, __ATOMIC_RELAXED), std::memory_order_relaxed);
+    return alarm_value.load(std::memory_order_relaxed);
+}
+
+int check_diag_alarm_value(uint32_t mask) { return (get_diag_alarm_value() & mask) != 0 ? 1 : 0; }
+
+int is_diag_avaliable() {
+    if (is_diag_permit_holding() || check_diag_alarm_value(ALARM_HIGH_MEMORY) ||
+        check_diag_alarm_value(ALARM_HIGH_CPU))
+        return 0;
+    return 1;
+}
+
+// The pid file holds the manager's pid as decimal text. At most 32 bytes are
+// read into a buffer one byte larger, so a long file still parses as a
+// terminated text; anything that is not a positive number means no manager.
+int read_diag_manager_pid() {
+    FILE *file = fopen(ZQ_DIAGM_PID_PATH, "r");
+    if (!file) return 0;
+    char text[PID_READ_SIZE + 1] = {};
+    size_t n = fread(text, 1, PID_READ_SIZE, file);
+    fclose(file);
+    int pid = zq::to_int(std::string_view{text, n});
+    return pid > 0 ? pid : 0;
+}
+
+void notify_diag_manager() {
+    int pid = diag_manager_pid.load(std::memory_order_relaxed);
+    if (pid > 0) kill(pid, SIGUSR2);
+}
+
+namespace {
+bool answer_contains(const char *cmd, const char *needle) {
+    return zq::contains(zq_get_cmd_result(cmd), needle);
+}
+} // namespace
+
+int is_self_diagnose_enable() { return answer_contains("diagM get diag_state", "enable") ? 1 : 0; }
+
+int is_iperf_test_enable() { return answer_contains("diagM get iperf_test_enable", "enable") ? 1 : 0; }
+
+int is_ap_detect_available() {
+    const char *answer = zq_get_cmd_result("diagM get available_wlan");
+    return (zq::contains(answer, "2.4G") ? 1 : 0) | (zq::contains(answer, "5G") ? 2 : 0);
+}

@@ -1,0 +1,104 @@
+// Small shared helpers of the library: bounded copies and formatting into
+// fixed buffers, null-safe substring tests and prefix number parsing.
+// Nothing here allocates; nothing reads or writes past a given size.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace zq {
+
+// Length of the text in a fixed array, never past its end.
+inline size_t bounded_len(const char *s, size_t cap) { return s ? strnlen(s, cap) : 0; }
+
+template <size_t N> inline std::string_view view(const char (&arr)[N]) { return {arr, strnlen(arr, N)}; }
+inline std::string_view view(const char *s) { return s ? std::string_view{s} : std::string_view{}; }
+
+// Copy at most size-1 characters of src into dst and terminate it.
+inline void copy(char *dst, size_t size, std::string_view src) {
+    if (!dst || size == 0) return;
+    size_t n = src.size() < size - 1 ? src.size() : size - 1;
+    if (n) memcpy(dst, src.data(), n);
+    dst[n] = '\0';
+}
+template <size_t N> inline void copy(char (&dst)[N], std::string_view src) { copy(dst, N, src); }
+template <size_t N> inline void copy(char (&dst)[N], const char *src) { copy(dst, N, view(src)); }
+
+// Bounded formatting into a fixed buffer; returns what vsnprintf returns.
+[[gnu::format(printf, 3, 4)]] inline int format(char *dst, size_t size, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = vsnprintf(dst, size, fmt, ap);
+    va_end(ap);
+    return n;
+}
+#define ZQ_FORMAT(buf, ...) ::zq::format((buf), sizeof(buf), __VA_ARGS__)
+
+// Null-safe, case-sensitive substring test.
+inline bool contains(std::string_view hay, std::string_view needle) {
+    return hay.find(needle) != std::string_view::npos;
+}
+inline bool contains(const char *hay, const char *needle) {
+    return hay && needle && strstr(hay, needle) != nullptr;
+}
+template <size_t N> inline bool contains(const char (&arr)[N], const char *needle) {
+    return needle && contains(view(arr), std::string_view{needle});
+}
+
+// Leading decimal integer as atoi reads it (blanks, sign, digits), with
+// saturation instead of overflow.
+inline long long parse_int_prefix(std::string_view s) {
+    size_t i = 0;
+    while (i < s.size() && (s[i] == ' ' || (s[i] >= '\t' && s[i] <= '\r'))) ++i;
+    bool neg = false;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) neg = s[i++] == '-';
+    long long v = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+        if (v > (INT64_MAX - 9) / 10) return neg ? INT64_MIN : INT64_MAX;
+        v = v * 10 + (s[i] - '0');
+    }
+    return neg ? -v : v;
+}
+// atoi with int range; out-of-range values clamp.
+inline int to_int(std::string_view s) {
+    long long v = parse_int_prefix(s);
+    if (v > INT32_MAX) return INT32_MAX;
+    if (v < INT32_MIN) return INT32_MIN;
+    return static_cast<int>(v);
+}
+inline int to_int(const char *s) { return to_int(view(s)); }
+
+// Unsigned decimal digits at the very start of s; 0 when there are none or
+// the number does not fit.
+inline uint64_t parse_u64_prefix(std::string_view s) {
+    uint64_t v = 0;
+    for (char c : s) {
+        if (c < '0' || c > '9') break;
+        if (v > (UINT64_MAX - 9) / 10) return 0;
+        v = v * 10 + static_cast<uint64_t>(c - '0');
+    }
+    return v;
+}
+
+bool file_exists(const char *path);
+
+} // namespace zq
+
+namespace zq {
+// True when `s` is a non-empty word that can stand unquoted in a shell
+// command: letters, digits and _ . - / : only. Names and keys that callers
+// hand to the library's command templates are checked with it.
+inline bool is_shell_word(std::string_view s) {
+    if (s.empty()) return false;
+    for (char c : s) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                  c == '.' || c == '-' || c == '/' || c == ':';
+        if (!ok) return false;
+    }
+    return true;
+}
+} // namespace zq
