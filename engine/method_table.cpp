@@ -4,6 +4,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "methods/methods.h"
 
 // Fixed order: the index of an entry is its place here. Empty slots are
 // actions a method does not offer; the dispatcher answers them with -2.
@@ -13,7 +14,8 @@ const zq_diag_method zq_method_table[ZQ_METHOD_COUNT] = {
     {"ping", nullptr, nullptr, nullptr, nullptr, ping_envoy},
     {"wan_status", nullptr, nullptr, nullptr, nullptr, wan_status_envoy},
     {"sys_status", nullptr, nullptr, nullptr, nullptr, sys_status_envoy},
-    {"pon_status", nullptr, nullptr, nullptr, nullptr, pon_status_envoy},
+    {"pon_status", nullptr, zq_get_pon_status_struct, zq_get_pon_status_diag, zq_get_pon_status_fix,
+     pon_status_envoy},
     {"wan_params", nullptr, nullptr, nullptr, nullptr, wan_params_envoy},
     {"dns_status", nullptr, nullptr, nullptr, nullptr, dns_status_envoy},
     {"dhcp_config", nullptr, nullptr, nullptr, nullptr, dhcp_config_envoy},
