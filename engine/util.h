@@ -9,14 +9,23 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 namespace zq {
 
 // Length of the text in a fixed array, never past its end.
 inline size_t bounded_len(const char *s, size_t cap) { return s ? strnlen(s, cap) : 0; }
 
+// C string pointers (null allowed). The pointer overloads below are
+// constrained templates so that a fixed array never decays into them: an
+// array is only read up to its own size, even without a terminator.
+template <class P>
+concept c_string = std::is_same_v<P, const char *> || std::is_same_v<P, char *>;
+
 template <size_t N> inline std::string_view view(const char (&arr)[N]) { return {arr, strnlen(arr, N)}; }
-inline std::string_view view(const char *s) { return s ? std::string_view{s} : std::string_view{}; }
+template <c_string P> inline std::string_view view(P s) {
+    return s ? std::string_view{s} : std::string_view{};
+}
 
 // Copy at most size-1 characters of src into dst and terminate it.
 inline void copy(char *dst, size_t size, std::string_view src) {
@@ -26,7 +35,10 @@ inline void copy(char *dst, size_t size, std::string_view src) {
     dst[n] = '\0';
 }
 template <size_t N> inline void copy(char (&dst)[N], std::string_view src) { copy(dst, N, src); }
-template <size_t N> inline void copy(char (&dst)[N], const char *src) { copy(dst, N, view(src)); }
+template <size_t N, c_string P> inline void copy(char (&dst)[N], P src) { copy(dst, N, view(src)); }
+template <size_t N, size_t M> inline void copy(char (&dst)[N], const char (&src)[M]) {
+    copy(dst, N, view(src));
+}
 
 // Bounded formatting into a fixed buffer; returns what vsnprintf returns.
 [[gnu::format(printf, 3, 4)]] inline int format(char *dst, size_t size, const char *fmt, ...) {
@@ -42,7 +54,7 @@ template <size_t N> inline void copy(char (&dst)[N], const char *src) { copy(dst
 inline bool contains(std::string_view hay, std::string_view needle) {
     return hay.find(needle) != std::string_view::npos;
 }
-inline bool contains(const char *hay, const char *needle) {
+template <c_string P> inline bool contains(P hay, const char *needle) {
     return hay && needle && strstr(hay, needle) != nullptr;
 }
 template <size_t N> inline bool contains(const char (&arr)[N], const char *needle) {
@@ -56,12 +68,15 @@ inline long long parse_int_prefix(std::string_view s) {
     while (i < s.size() && (s[i] == ' ' || (s[i] >= '\t' && s[i] <= '\r'))) ++i;
     bool neg = false;
     if (i < s.size() && (s[i] == '+' || s[i] == '-')) neg = s[i++] == '-';
+    // Accumulated as a negative number, so that INT64_MIN itself fits.
     long long v = 0;
     for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
-        if (v > (INT64_MAX - 9) / 10) return neg ? INT64_MIN : INT64_MAX;
-        v = v * 10 + (s[i] - '0');
+        const int digit = s[i] - '0';
+        if (v < (INT64_MIN + digit) / 10) return neg ? INT64_MIN : INT64_MAX;
+        v = v * 10 - digit;
     }
-    return neg ? -v : v;
+    if (neg) return v;
+    return v == INT64_MIN ? INT64_MAX : -v;
 }
 // atoi with int range; out-of-range values clamp.
 inline int to_int(std::string_view s) {
@@ -70,7 +85,8 @@ inline int to_int(std::string_view s) {
     if (v < INT32_MIN) return INT32_MIN;
     return static_cast<int>(v);
 }
-inline int to_int(const char *s) { return to_int(view(s)); }
+template <c_string P> inline int to_int(P s) { return to_int(view(s)); }
+template <size_t N> inline int to_int(const char (&arr)[N]) { return to_int(view(arr)); }
 
 // Unsigned decimal digits at the very start of s; 0 when there are none or
 // the number does not fit.
@@ -78,8 +94,9 @@ inline uint64_t parse_u64_prefix(std::string_view s) {
     uint64_t v = 0;
     for (char c : s) {
         if (c < '0' || c > '9') break;
-        if (v > (UINT64_MAX - 9) / 10) return 0;
-        v = v * 10 + static_cast<uint64_t>(c - '0');
+        const uint64_t digit = static_cast<uint64_t>(c - '0');
+        if (v > (UINT64_MAX - digit) / 10) return 0;
+        v = v * 10 + digit;
     }
     return v;
 }
