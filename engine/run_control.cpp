@@ -1,0 +1,118 @@
+// Run control: the exported control blocks, diagnose_set with its detached
+// worker, and the runners that walk a whole diagnosis or fix path.
+#include <cstring>
+#include <pthread.h>
+#include <type_traits>
+
+#include "engine/engine.h"
+#include "engine/log.h"
+#include "engine/util.h"
+#include "records/records.h"
+
+diag_exec_ctl g_diag_exec;
+diag_exec_ctl g_cap_exec;
+
+static_assert(std::is_same_v<pthread_t, unsigned long>, "worker holds a pthread_t");
+
+namespace {
+
+enum : uint32_t { ACTION_RUN = 0, ACTION_UPLOAD = 1 };
+enum : uint32_t { KIND_DIAGNOSE = 0, KIND_FIX = 1 };
+
+// The block is shared with the calling thread without a lock; the fields
+// that cross threads are written and read whole.
+void set_state(diag_exec_ctl &block, uint32_t state) {
+    __atomic_store_n(&block.state, state, __ATOMIC_RELEASE);
+}
+uint32_t get_state(const diag_exec_ctl &block) { return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE); }
+void clear_worker(diag_exec_ctl &block) { __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE); }
+bool worker_busy(const diag_exec_ctl &block) { return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0; }
+
+void *diagnose_execution(void *) {
+    pthread_detach(pthread_self());
+    int result = -1;
+    switch (g_diag_exec.kind) {
+    case KIND_DIAGNOSE:
+        result = run_spec_entire_diag(g_diag_exec.mode);
+        break;
+    case KIND_FIX: // a repair always runs without a filter list
+        result = run_spec_entire_fix(0);
+        break;
+    default:
+        ZQ_LOG("Invalid input");
+        break;
+    }
+    if (result == 0) {
+        set_state(g_diag_exec, EXEC_DONE);
+    } else {
+        ZQ_LOG("Diagnose may already exist in system.");
+        set_state(g_diag_exec, EXEC_IDLE);
+    }
+    clear_worker(g_diag_exec);
+    return nullptr;
+}
+
+// The running state is written before the worker starts, so a worker that
+// ends at once always leaves its own end state behind. If the thread cannot
+// be started, the block is put back as it was.
+int start_diagnose_worker() {
+    const uint32_t previous = get_state(g_diag_exec);
+    set_state(g_diag_exec, EXEC_RUNNING);
+    if (pthread_create(&g_diag_exec.worker, nullptr, diagnose_execution, nullptr) != 0) {
+        clear_worker(g_diag_exec);
+        set_state(g_diag_exec, previous);
+        ZQ_LOG("pthread_create fail - diagnose_execution");
+        return -1;
+    }
+    return 0;
+}
+
+using path_search_fn = int (*)(zq_diag_step *);
+
+int run_path(uint32_t mode, path_search_fn search) {
+    zq_diag_step step{};
+    if (!is_diag_avaliable()) return -1;
+    init_diag_path(mode);
+    while (search(&step) == 1) zq_intact_diag_run(&step);
+    return 0;
+}
+
+} // namespace
+
+int diagnose_set() {
+    if (worker_busy(g_diag_exec)) {
+        zq_log_plain("diagnose execution is busy");
+        return 0;
+    }
+    if (!is_diag_avaliable()) {
+        ZQ_LOG("!Diagnose is unavaliable");
+        return -1;
+    }
+    switch (g_diag_exec.action) {
+    case ACTION_RUN:
+        return start_diagnose_worker();
+    case ACTION_UPLOAD:
+        ZQ_LOG("diagnosis upload is not available in this build");
+        return -1;
+    default:
+        ZQ_LOG("invalid action");
+        return -1;
+    }
+}
+
+int run_spec_entire_diag(uint32_t mode) { return run_path(mode, zq_diag_path_search); }
+
+int run_spec_entire_fix(uint32_t mode) { return run_path(mode, zq_fix_path_search); }
+
+int zq_intact_diag_run(zq_diag_step *step) {
+    if (!step) return -1;
+    zq_diag_msg_reset();
+    notify_diag_manager();
+    // A caller's step name may fill all 32 bytes; dispatch a terminated copy.
+    char method[sizeof(step->method) + 1] = {};
+    memcpy(method, step->method, sizeof(step->method));
+    if (zq_get_sys_diag(method, step->action, zq_args(nullptr, 0, &step->result, sizeof(step->result))) != 0)
+        zq_diag_msg_printf(DIAG_MSG_ERROR, "%s processing fail", method);
+    diag_log_record(*step);
+    return -1;
+}

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "lab/zqlab.hpp"
+#include "zq_diag.h"
+
+namespace {
+
+// Starts a run through the control block and waits for its end state, as a
+// management process would.
+int run_and_wait(uint32_t kind, uint32_t mode) {
+    g_diag_exec.kind = kind;
+    g_diag_exec.mode = mode;
+    g_diag_exec.action = 0;
+    int rc = diagnose_set();
+    if (rc != 0) return rc;
+    EXPECT_NE(g_diag_exec.state, EXEC_IDLE);
+    for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(g_diag_exec.worker, 0ul);
+    return 0;
+}
+
+std::string golden(const std::string &name, const std::string &actual) {
+    const std::string path = std::string(ZQ_GOLDEN_DIR) + "/" + name;
+    if (getenv("ZQ_UPDATE_GOLDEN")) std::ofstream(path) << actual;
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string members(const std::string &archive) { return zqlab::run("tar -tf " + archive); }
+
+TEST(EndToEnd, DiagnosisOfAnUnregisteredGateway) {
+    ASSERT_EQ(run_and_wait(0, 0), 0);
+    EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
+    EXPECT_STREQ(zq_running_method, "end");
+    EXPECT_EQ(is_diag_permit_holding(), 0);
+    std::string log = zqlab::read_file("/tmp/diag_file/diag_log");
+    EXPECT_EQ(log, golden("pon-unregistered.diag_log", log));
+
+    const diag_data_node *pon = zq_search_diag_record(PON_DIAG_DATA);
+    ASSERT_NE(pon, nullptr);
+    EXPECT_EQ(pon->size, get_diag_data_size(PON_DIAG_DATA));
+    EXPECT_EQ(static_cast<const zqSD_pon_diag *>(pon->data)->reg_state, 2u);
+    EXPECT_EQ(zq_search_diag_record(WAN_DIAG_DATA), nullptr);
+}
+
+TEST(EndToEnd, RepairAfterDiagnosisTurnsDetectionOn) {
+    ASSERT_EQ(run_and_wait(0, 0), 0);
+    zqlab::clear_journal();
+    ASSERT_EQ(run_and_wait(1, 5), 0);
+    EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
+    std::string log = zqlab::read_file("/tmp/diag_file/diag_log");
+    EXPECT_NE(
+        log.find("\n>>>> pon_status fix <<<<\n[normal ]Pon auto detect was turn on. Please reboot device to "
+                 "take effect!\n\n>>>> end fix <<<<\n"),
+        std::string::npos)
+        << log;
+    EXPECT_NE(zqlab::run("flash get PON_DETECT").find("=1"), std::string::npos);
+    EXPECT_EQ(is_diag_permit_holding(), 0);
+    // The repair kept the diagnosis records.
+    EXPECT_NE(zq_search_diag_record(PON_DIAG_DATA), nullptr);
+}
+
+TEST(EndToEnd, SecondRequestWhileBusyStartsNothing) {
+    zqlab::set("alarm", "0");
+    g_diag_exec.kind = 0;
+    g_diag_exec.mode = 0;
+    g_diag_exec.action = 0;
+    ASSERT_EQ(diagnose_set(), 0);
+    EXPECT_EQ(diagnose_set(), 0) << "a busy worker is not an error";
+    for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
+}
+
+TEST(EndToEnd, LoadedSystemRefusesToStart) {
+    zqlab::set("alarm", "0x10");
+    EXPECT_EQ(run_and_wait(0, 0), -1);
+    EXPECT_EQ(g_diag_exec.state, EXEC_IDLE);
+}
+
+TEST(EndToEnd, PackageHoldsTheEvidenceInOrder) {
+    ASSERT_EQ(run_and_wait(0, 0), 0);
+    ASSERT_EQ(zq_packet_diag_file(), 0);
+    EXPECT_EQ(members("/tmp/diag_file/diag_log.tar"), "diag_log\ncmd_log\nfirewall_stat\nconfig_stat\n");
+    EXPECT_NE(zq_clear_diag_file(), 0) << "no capture was there to remove";
+    EXPECT_NE(zqlab::run("ls /tmp/diag_file").find("diag_log"), std::string::npos);
+    EXPECT_EQ(zqlab::run("ls /tmp/diag_file/diag_log.tar 2>/dev/null"), "");
+}
+
+TEST(EndToEnd, SwitchedOffLogsLeaveNoFiles) {
+    do_not_generate_log = 1;
+    ASSERT_EQ(run_and_wait(0, 2), 0);
+    do_not_generate_log = 0;
+    EXPECT_EQ(zqlab::run("ls /tmp/diag_file 2>/dev/null"), "");
+}
+
+} // namespace
