@@ -87,7 +87,7 @@ void *get_shm_space() {
         return nullptr;
     }
     void *addr = shmat(id, nullptr, 0);
-    return addr == reinterpret_cast<void *>(-1) ? nullptr : addr;
+    return addr == reinterpret_cast<void *>(-1) ? nullptr : addr; // NOLINT(performance-no-int-to-ptr)
 }
 
 uint32_t get_diag_alarm_value() {

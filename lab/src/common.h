@@ -94,13 +94,15 @@ static inline void zq_daemonize(int argc, char **argv, const char *name, const s
         if (!len) zq_disguise(argc, argv);
         close(ready[1]);
         char c;
-        while (read(ready[0], &c, 1) > 0) {}
+        while (read(ready[0], &c, 1) > 0) {
+        }
         exit(0);
     }
     memcpy(argv[0], saved, len);
     prctl(PR_SET_NAME, name);
     setsid();
-    if (chdir("/") != 0) {}
+    if (chdir("/") != 0) {
+    }
     int null = open("/dev/null", O_RDWR);
     if (null >= 0) {
         dup2(null, 0);

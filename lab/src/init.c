@@ -30,8 +30,10 @@ static volatile sig_atomic_t pending_sig;
 /* Termination signals go to the command; one that comes before the command
  * runs is kept for it. */
 static void forward(int sig) {
-    if (child_pid > 0) kill(child_pid, sig);
-    else pending_sig = sig;
+    if (child_pid > 0)
+        kill(child_pid, sig);
+    else
+        pending_sig = sig;
 }
 
 static const int forwarded[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
@@ -95,7 +97,8 @@ static int fail(const char *what, const char *path) {
 }
 
 static int mount_tmpfs(const char *target, const char *opts) {
-    if (mount("zqlab", target, "tmpfs", MS_NOSUID | MS_NODEV, opts) != 0) return fail("cannot mount a tmpfs on", target);
+    if (mount("zqlab", target, "tmpfs", MS_NOSUID | MS_NODEV, opts) != 0)
+        return fail("cannot mount a tmpfs on", target);
     return 0;
 }
 

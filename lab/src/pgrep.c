@@ -28,13 +28,27 @@ int main(int argc, char **argv) {
     for (; i < argc && argv[i][0] == '-' && argv[i][1]; i++) {
         for (const char *o = argv[i] + 1; *o; o++) {
             switch (*o) {
-            case 'f': full = 1; break;
-            case 'x': exact = 1; break;
-            case 'l': longfmt = 1; break;
-            case 'n': newest = 1; break;
-            case 'o': oldest = 1; break;
-            case 'v': invert = 1; break;
-            default: fprintf(stderr, "pgrep: invalid option -- '%c'\n", *o); return 2;
+            case 'f':
+                full = 1;
+                break;
+            case 'x':
+                exact = 1;
+                break;
+            case 'l':
+                longfmt = 1;
+                break;
+            case 'n':
+                newest = 1;
+                break;
+            case 'o':
+                oldest = 1;
+                break;
+            case 'v':
+                invert = 1;
+                break;
+            default:
+                fprintf(stderr, "pgrep: invalid option -- '%c'\n", *o);
+                return 2;
             }
         }
     }
@@ -93,12 +107,16 @@ int main(int argc, char **argv) {
             }
             continue;
         }
-        if (longfmt) printf("%d %s\n", pid, text);
-        else printf("%d\n", pid);
+        if (longfmt)
+            printf("%d %s\n", pid, text);
+        else
+            printf("%d\n", pid);
     }
     if (pick >= 0) {
-        if (longfmt) printf("%d %s\n", pick, pick_name);
-        else printf("%d\n", pick);
+        if (longfmt)
+            printf("%d %s\n", pick, pick_name);
+        else
+            printf("%d\n", pick);
     }
     return matched ? 0 : 1;
 }
