@@ -37,19 +37,19 @@ constexpr const char *MODE_PATHS[MAX_MODE + 1] = {
     "  4  system                     10  ports, PON, WAN\n"                                                  \
     "  5  PON, WAN, WAN parameters\n"
 
-constexpr OptionSpec HELP_OPTION = {"help", 'h', nullptr, "show this help"};
-constexpr OptionSpec MODE_OPTION = {"mode", 0, "N", "diagnosis mode, 0 to 10 (default 0)"};
-constexpr OptionSpec TIMEOUT_OPTION = {"timeout", 0, "SECONDS",
-                                       "give up a run after this long (default 300; 1 to 86400)"};
+constexpr OptionDef HELP_OPTION = {"help", 'h', nullptr, "show this help"};
+constexpr OptionDef MODE_OPTION = {"mode", 0, "N", "diagnosis mode, 0 to 10 (default 0)"};
+constexpr OptionDef TIMEOUT_OPTION = {"timeout", 0, "SECONDS",
+                                      "give up a run after this long (default 300; 1 to 86400)"};
 
-constexpr OptionSpec DIAGNOSE_OPTIONS[] = {MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
-constexpr OptionSpec REPAIR_OPTIONS[] = {
+constexpr OptionDef DIAGNOSE_OPTIONS[] = {MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
+constexpr OptionDef REPAIR_OPTIONS[] = {
     {"mode", 0, "N", "mode of the diagnosis that precedes the repair (default 0)"},
     TIMEOUT_OPTION,
     HELP_OPTION};
-constexpr OptionSpec RECORDS_OPTIONS[] = {
+constexpr OptionDef RECORDS_OPTIONS[] = {
     {"json", 0, nullptr, "print JSON instead of text"}, MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
-constexpr OptionSpec HELP_ONLY[] = {HELP_OPTION};
+constexpr OptionDef HELP_ONLY[] = {HELP_OPTION};
 
 // ---- Shared option handling -------------------------------------------------
 

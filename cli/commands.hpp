@@ -12,7 +12,7 @@ struct Command {
     const char *synopsis; // what follows "zqdiag NAME" in the usage line
     const char *summary;  // one line, for the tool's help
     const char *details;  // the body of the command's help
-    std::span<const OptionSpec> options;
+    std::span<const OptionDef> options;
     int (*run)(const Command &self, const ParsedArgs &args);
     bool starts_run; // runs a diagnosis or repair: run under a supervisor (see main.cpp)
 };

@@ -16,7 +16,7 @@ namespace {
 
 using namespace zqcli;
 
-constexpr OptionSpec GLOBAL_OPTIONS[] = {
+constexpr OptionDef GLOBAL_OPTIONS[] = {
     {"help", 'h', nullptr, "show this help ('zqdiag COMMAND --help' for a command)"},
     {"verbose", 'v', nullptr, "show the library's own log lines on the error stream"},
     {"color", 0, "WHEN", "colour the findings: auto (on a terminal, the default), always, never"},

@@ -12,21 +12,21 @@ const std::string *ParsedArgs::value(const std::string &name) const {
 
 namespace {
 
-const OptionSpec *find_long(std::span<const OptionSpec> specs, std::string_view name) {
-    for (const OptionSpec &spec : specs)
-        if (name == spec.name) return &spec;
+const OptionDef *find_long(std::span<const OptionDef> defs, std::string_view name) {
+    for (const OptionDef &def : defs)
+        if (name == def.name) return &def;
     return nullptr;
 }
 
-const OptionSpec *find_short(std::span<const OptionSpec> specs, char name) {
-    for (const OptionSpec &spec : specs)
-        if (spec.short_name && spec.short_name == name) return &spec;
+const OptionDef *find_short(std::span<const OptionDef> defs, char name) {
+    for (const OptionDef &def : defs)
+        if (def.short_name && def.short_name == name) return &def;
     return nullptr;
 }
 
 } // namespace
 
-bool parse_args(std::span<char *const> args, std::span<const OptionSpec> specs, bool stop_at_positional,
+bool parse_args(std::span<char *const> args, std::span<const OptionDef> defs, bool stop_at_positional,
                 ParsedArgs &parsed, std::string &error) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string_view arg = args[i];
@@ -42,7 +42,7 @@ bool parse_args(std::span<char *const> args, std::span<const OptionSpec> specs, 
             parsed.positionals.emplace_back(arg);
             continue;
         }
-        const OptionSpec *spec = nullptr;
+        const OptionDef *def = nullptr;
         std::optional<std::string> inline_value;
         if (arg.starts_with("--")) {
             std::string_view name = arg.substr(2);
@@ -51,30 +51,30 @@ bool parse_args(std::span<char *const> args, std::span<const OptionSpec> specs, 
                 inline_value = std::string(name.substr(eq + 1));
                 name = name.substr(0, eq);
             }
-            spec = find_long(specs, name);
+            def = find_long(defs, name);
         } else if (arg.size() == 2) {
-            spec = find_short(specs, arg[1]);
+            def = find_short(defs, arg[1]);
         }
-        if (!spec) {
+        if (!def) {
             error = "unknown option '" + std::string(arg) + "'";
             return false;
         }
-        if (!spec->value_name) {
+        if (!def->value_name) {
             if (inline_value) {
-                error = std::string("option '--") + spec->name + "' takes no value";
+                error = std::string("option '--") + def->name + "' takes no value";
                 return false;
             }
-            parsed.options[spec->name] = "";
+            parsed.options[def->name] = "";
             continue;
         }
         if (!inline_value) {
             if (i + 1 >= args.size()) {
-                error = std::string("option '--") + spec->name + "' needs a value (" + spec->value_name + ")";
+                error = std::string("option '--") + def->name + "' needs a value (" + def->value_name + ")";
                 return false;
             }
             inline_value = args[++i];
         }
-        parsed.options[spec->name] = *inline_value;
+        parsed.options[def->name] = *inline_value;
     }
     return true;
 }
@@ -88,15 +88,15 @@ std::optional<uint32_t> parse_number(const std::string &text, uint32_t min, uint
     return value;
 }
 
-std::string options_help(std::span<const OptionSpec> specs) {
+std::string options_help(std::span<const OptionDef> defs) {
     std::string help = "Options:\n";
-    for (const OptionSpec &spec : specs) {
-        std::string left = spec.short_name ? std::string("-") + spec.short_name + ", " : "    ";
-        left += std::string("--") + spec.name;
-        if (spec.value_name) left += std::string(" ") + spec.value_name;
+    for (const OptionDef &def : defs) {
+        std::string left = def.short_name ? std::string("-") + def.short_name + ", " : "    ";
+        left += std::string("--") + def.name;
+        if (def.value_name) left += std::string(" ") + def.value_name;
         help += "  " + left;
         help += left.size() < 24 ? std::string(24 - left.size(), ' ') : "\n" + std::string(26, ' ');
-        help += spec.help;
+        help += def.help;
         help += '\n';
     }
     return help;

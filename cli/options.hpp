@@ -1,4 +1,4 @@
-// Command-line options: tables of option specs and a small parser.
+// Command-line options: tables of option definitions and a small parser.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace zqcli {
 
-struct OptionSpec {
+struct OptionDef {
     const char *name;       // long name, without "--"
     char short_name;        // 0 when there is none
     const char *value_name; // null for a flag
@@ -25,18 +25,18 @@ struct ParsedArgs {
     const std::string *value(const std::string &name) const;
 };
 
-// Parses `args` against `specs` ("--name VALUE", "--name=VALUE", "-x VALUE",
+// Parses `args` against `defs` ("--name VALUE", "--name=VALUE", "-x VALUE",
 // "--" ends the options). With `stop_at_positional` the first positional
 // argument and everything after it are left in `positionals` unparsed.
 // Returns false with a reason in `error` on an unknown option or a missing
 // or unexpected value.
-bool parse_args(std::span<char *const> args, std::span<const OptionSpec> specs, bool stop_at_positional,
+bool parse_args(std::span<char *const> args, std::span<const OptionDef> defs, bool stop_at_positional,
                 ParsedArgs &parsed, std::string &error);
 
 // A decimal number in [min, max]: digits only, no sign, no blanks.
 std::optional<uint32_t> parse_number(const std::string &text, uint32_t min, uint32_t max);
 
 // The "Options:" lines of a help text.
-std::string options_help(std::span<const OptionSpec> specs);
+std::string options_help(std::span<const OptionDef> defs);
 
 } // namespace zqcli
