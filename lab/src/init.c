@@ -12,9 +12,11 @@
  * the whole lab down: the kernel kills the remaining processes, and the
  * namespaces go away with their mounts. The death of the parent (unshare,
  * killed by a test driver) kills the lab too. */
+#define _GNU_SOURCE /* O_PATH */
 #include "common.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <net/if.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -152,6 +154,53 @@ static int loopback_up(void) {
     return rc == 0 ? 0 : fail("cannot bring up", "lo");
 }
 
+/* Host directories under /tmp or /run that the lab needs (the checkout,
+ * the working directory, the command's directory) would vanish under the
+ * lab's tmpfs: each is opened before the tmpfs goes over it and bound back
+ * at the same path afterwards. */
+enum { MAX_KEPT = 8 };
+static struct {
+    char path[512];
+    int fd;
+} kept[MAX_KEPT];
+static int nkept;
+
+static int under_replaced_dir(const char *path) {
+    return !strncmp(path, "/tmp/", 5) || !strncmp(path, "/run/", 5);
+}
+
+static void keep_dir(const char *path) {
+    char real[512];
+    if (!path || !realpath(path, real) || !under_replaced_dir(real) || nkept == MAX_KEPT) return;
+    for (int i = 0; i < nkept; i++)
+        if (!strcmp(kept[i].path, real)) return;
+    int fd = open(real, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    snprintf(kept[nkept].path, sizeof kept[nkept].path, "%s", real);
+    kept[nkept++].fd = fd;
+}
+
+static void keep_dir_of(const char *file) {
+    char dir[512];
+    if (!file || file[0] != '/') return;
+    snprintf(dir, sizeof dir, "%s", file);
+    char *slash = strrchr(dir, '/');
+    if (slash && slash != dir) *slash = '\0';
+    keep_dir(dir);
+}
+
+static int restore_kept(void) {
+    for (int i = 0; i < nkept; i++) {
+        char from[64];
+        snprintf(from, sizeof from, "/proc/self/fd/%d", kept[i].fd);
+        if (mkdirs(kept[i].path)) return -1;
+        if (mount(from, kept[i].path, NULL, MS_BIND | MS_REC, NULL) != 0)
+            return fail("cannot keep the host directory", kept[i].path);
+        close(kept[i].fd);
+    }
+    return 0;
+}
+
 static int build_gateway(const char *lab, const char *cache) {
     if (strpbrk(cache, ",:")) {
         fprintf(stderr, "lab: the lab's path must not contain ',' or ':' (%s)\n", cache);
@@ -160,7 +209,7 @@ static int build_gateway(const char *lab, const char *cache) {
     /* Nothing of what follows may reach the host's mounts. */
     if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) return fail("cannot make private", "/");
     if (mount_tmpfs("/run", "mode=0755,size=256m") || mount_tmpfs("/tmp", "mode=1777,size=512m") ||
-        mount_tmpfs("/dev/shm", "mode=1777,size=64m"))
+        mount_tmpfs("/dev/shm", "mode=1777,size=64m") || restore_kept())
         return -1;
     char text[600], bin[600], var[600];
     if (mkdirs(ZQLAB_STATE) || mkdirs(ZQLAB_DIR "/diagm") || mkdirs(ZQLAB_DIR "/override")) return -1;
@@ -226,6 +275,13 @@ int main(int argc, char **argv) {
         if (carried) carried[carried_len] = '\0';
         scenario_arg = ZQLAB_DIR "/scenario.scn";
     }
+    char cwd[512];
+    char lab_parent[512];
+    snprintf(lab_parent, sizeof lab_parent, "%s/..", argv[1]);
+    keep_dir(lab_parent);
+    keep_dir(argv[2]);
+    keep_dir(getcwd(cwd, sizeof cwd));
+    keep_dir_of(argv[5]);
     if (build_gateway(argv[1], argv[2]) != 0) return 125;
     if (scenario_arg != argv[3] && write_text(scenario_arg, carried ? carried : "") != 0) return 125;
     free(carried);
