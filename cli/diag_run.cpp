@@ -182,7 +182,13 @@ void feed(LogParser &parser, RunDisplay &display, const std::vector<std::string>
 
 // A run given up while one of its steps is chosen still holds the permit
 // that its first path search took; the "end" step gives it back itself.
+// A run that has just taken the permit prepares the log directory before it
+// names its first step; while its worker still runs, it gets a moment to do so.
 void give_back_permit(const std::string &method_at_start) {
+    for (int i = 0; i < 60 && running_method() == method_at_start &&
+                    __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE);
+         ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::string method = running_method();
     if (method == method_at_start || method == "end") return;
     if (is_diag_permit_holding() && release_diag_permit() == 0)
