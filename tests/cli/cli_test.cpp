@@ -7,8 +7,8 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -62,10 +62,19 @@ pid_t spawn(const std::vector<std::string> &args) {
     return pid;
 }
 
+// Waits for the tool, a minute at most: one still running then is killed, so
+// that a hang fails the test instead of stalling it.
 CliResult collect(pid_t pid) {
     CliResult result;
     int wait_status = 0;
-    if (pid > 0 && waitpid(pid, &wait_status, 0) == pid) result.status = exit_status(wait_status);
+    pid_t done = 0;
+    for (int i = 0; i < 60000 && pid > 0 && (done = waitpid(pid, &wait_status, WNOHANG)) == 0; ++i)
+        usleep(1000);
+    if (done == 0 && pid > 0) {
+        kill(pid, SIGKILL);
+        done = waitpid(pid, &wait_status, 0);
+    }
+    if (done == pid) result.status = exit_status(wait_status);
     result.out = zqlab::read_file(OUT_FILE);
     result.err = zqlab::read_file(ERR_FILE);
     return result;
@@ -94,16 +103,12 @@ bool starts_with_level(const std::string &text) {
     return false;
 }
 
-// The findings of the diagnosis log, "[level  ]text", the record dump left out.
+// The findings of the diagnosis log, "[level  ]text" (no line of the record
+// dump starts so).
 std::vector<std::string> log_findings(const std::string &log) {
     std::vector<std::string> findings;
-    bool in_dump = false;
-    for (const std::string &line : lines_of(log)) {
-        if (line == ">>>>>>> DIAG DATA <<<<<<<") in_dump = true;
-        if (line.rfind(">>>> ", 0) == 0 && line.size() > 10 && line.substr(line.size() - 5) == " <<<<")
-            in_dump = false;
-        if (!in_dump && starts_with_level(line)) findings.push_back(line);
-    }
+    for (const std::string &line : lines_of(log))
+        if (starts_with_level(line)) findings.push_back(line);
     return findings;
 }
 
@@ -133,21 +138,14 @@ void hang_diagnosis_manager() {
 
 // ---- Records ----------------------------------------------------------------
 
-const char *type_name(uint32_t code) {
-    switch (code) {
-    case WAN_DIAG_DATA:
-        return "WAN_DIAG_DATA";
-    case PORT_DIAG_DATA:
-        return "PORT_DIAG_DATA";
-    case PON_DIAG_DATA:
-        return "PON_DIAG_DATA";
-    case DHCP_DIAG_DATA:
-        return "DHCP_DIAG_DATA";
-    case SYS_DIAG_DATA:
-        return "SYS_DIAG_DATA";
-    default:
-        return "?";
-    }
+std::string type_name(uint32_t code) {
+    const std::map<uint32_t, std::string> names = {{WAN_DIAG_DATA, "WAN_DIAG_DATA"},
+                                                   {PORT_DIAG_DATA, "PORT_DIAG_DATA"},
+                                                   {PON_DIAG_DATA, "PON_DIAG_DATA"},
+                                                   {DHCP_DIAG_DATA, "DHCP_DIAG_DATA"},
+                                                   {SYS_DIAG_DATA, "SYS_DIAG_DATA"}};
+    const auto it = names.find(code);
+    return it == names.end() ? "?" : it->second;
 }
 
 std::vector<const diag_data_node *> chain_nodes() {
@@ -159,8 +157,8 @@ std::vector<const diag_data_node *> chain_nodes() {
 
 // How a record's text reads once it went through JSON: valid UTF-8 stays,
 // every other byte stands for the code point of its value.
-std::string decoded_text(const char *field, size_t width) {
-    const std::string bytes(field, strnlen(field, width));
+template <size_t N> std::string text(const char (&field)[N]) {
+    const std::string bytes(field, strnlen(field, N));
     std::string text;
     for (size_t i = 0; i < bytes.size();) {
         const auto b = static_cast<unsigned char>(bytes[i]);
@@ -189,134 +187,84 @@ std::string decoded_text(const char *field, size_t width) {
     return text;
 }
 
-// Compares the "fields" object of one JSON record with the record, field by
-// field, and finally checks that the object holds no other member.
-class FieldCheck {
-  public:
-    explicit FieldCheck(const json &fields) : fields_(fields) {}
-
-    template <class T> void number(const char *name, T value) {
-        if (const json *v = member(name)) {
-            EXPECT_TRUE(v->is_number_unsigned()) << name << ": " << v->dump();
-            if (v->is_number_unsigned()) {
-                EXPECT_EQ(v->get<uint64_t>(), static_cast<uint64_t>(value)) << name;
-            }
-        }
+// The "fields" object a record must have in the JSON, every member of the
+// record and nothing else. The CPU load differs between two runs: its value
+// and fault bit are taken from the tool's own record.
+json expected_fields(const diag_data_node &node, const json &shown) {
+    switch (node.type) {
+    case WAN_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_wan_diag *>(node.data);
+        return {{"nat_enable", r.nat_enable},
+                {"vlan_enable", r.vlan_enable},
+                {"vlan", r.vlan},
+                {"type", text(r.type)},
+                {"protocol", text(r.protocol)},
+                {"v4_ip", text(r.v4_ip)},
+                {"v4_gateway", text(r.v4_gateway)},
+                {"v4_master_dns", text(r.v4_master_dns)},
+                {"v4_slave_dns", text(r.v4_slave_dns)},
+                {"nas_interface", text(r.nas_interface)},
+                {"service_type", text(r.service_type)},
+                {"v6_ip", text(r.v6_ip)},
+                {"v6_gateway", text(r.v6_gateway)},
+                {"wan_name", text(r.wan_name)},
+                {"disable_lan_dhcp", r.disable_lan_dhcp},
+                {"itfGroup", r.itfGroup},
+                {"v4_conn_state", r.v4_conn_state},
+                {"v6_conn_state", r.v6_conn_state},
+                {"dns_state", r.dns_state},
+                {"params_state", r.params_state},
+                {"pppoe_state", r.pppoe_state},
+                {"route_state", r.route_state},
+                {"dhcp_state", r.dhcp_state}};
     }
-    void real(const char *name, float value) {
-        if (const json *v = member(name)) {
-            EXPECT_TRUE(v->is_number()) << name << ": " << v->dump();
-            if (v->is_number()) {
-                EXPECT_EQ(static_cast<float>(v->get<double>()), value) << name;
-            }
-        }
+    case PORT_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_port_diag *>(node.data);
+        return {{"status", text(r.status)}, {"speed", text(r.speed)}, {"duplex", text(r.duplex)}};
     }
-    template <size_t N> void text(const char *name, const char (&value)[N]) {
-        if (const json *v = member(name)) {
-            EXPECT_TRUE(v->is_string()) << name << ": " << v->dump();
-            if (v->is_string()) {
-                EXPECT_EQ(v->get<std::string>(), decoded_text(value, N)) << name;
-            }
-        }
+    case PON_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_pon_diag *>(node.data);
+        return {{"pon_mode", text(r.pon_mode)},
+                {"pon_state", text(r.pon_state)},
+                {"rx_power", r.rx_power},
+                {"tx_power", r.tx_power},
+                {"customer_ver", text(r.customer_ver)},
+                {"reg_state", r.reg_state}};
     }
-    // A field whose value differs between two runs (the CPU load).
-    void present(const char *name) { member(name); }
-
-    ~FieldCheck() {
-        for (const auto &item : fields_.items())
-            EXPECT_TRUE(checked_.count(item.key())) << "unexpected field " << item.key();
+    case DHCP_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_dhcp_diag *>(node.data);
+        return {{"server_running", r.server_running},
+                {"interface", text(r.interface)},
+                {"ip_addr", text(r.ip_addr)},
+                {"pool_addr_start", text(r.pool_addr_start)},
+                {"pool_addr_end", text(r.pool_addr_end)},
+                {"subnet", text(r.subnet)},
+                {"gateway", text(r.gateway)},
+                {"dns", text(r.dns)},
+                {"secondary_dns", text(r.secondary_dns)},
+                {"fault_flags", r.fault_flags},
+                {"lan_dhcp_disabled", r.lan_dhcp_disabled}};
     }
-
-  private:
-    const json *member(const char *name) {
-        checked_.insert(name);
-        auto it = fields_.find(name);
-        if (it == fields_.end()) {
-            ADD_FAILURE() << "field " << name << " missing in " << fields_.dump();
-            return nullptr;
-        }
-        return &*it;
+    case SYS_DIAG_DATA: {
+        constexpr uint32_t CPU_FAULT = 32;
+        const auto &r = *static_cast<const zqSD_sys_diag *>(node.data);
+        const json flags = shown.value("fault_flags", json());
+        return {{"sys_mem_total", r.sys_mem_total},
+                {"sys_mem_free", r.sys_mem_free},
+                {"sys_mem_usage", r.sys_mem_usage},
+                {"sys_cpu_usage", shown.value("sys_cpu_usage", json())},
+                {"pid_boa", r.pid_boa},
+                {"pid_cwmpClient", r.pid_cwmpClient},
+                {"pid_omci_oam", r.pid_omci_oam},
+                {"dnsmasq", text(r.dnsmasq)},
+                {"software_version", text(r.software_version)},
+                {"fault_flags", (r.fault_flags & ~CPU_FAULT) |
+                                    (flags.is_number_unsigned() ? flags.get<uint32_t>() & CPU_FAULT : 0)}};
     }
-
-    const json &fields_;
-    std::set<std::string> checked_;
-};
-
-void expect_wan(const json &fields, const zqSD_wan_diag &r) {
-    FieldCheck c(fields);
-    c.number("nat_enable", r.nat_enable);
-    c.number("vlan_enable", r.vlan_enable);
-    c.number("vlan", r.vlan);
-    c.text("type", r.type);
-    c.text("protocol", r.protocol);
-    c.text("v4_ip", r.v4_ip);
-    c.text("v4_gateway", r.v4_gateway);
-    c.text("v4_master_dns", r.v4_master_dns);
-    c.text("v4_slave_dns", r.v4_slave_dns);
-    c.text("nas_interface", r.nas_interface);
-    c.text("service_type", r.service_type);
-    c.text("v6_ip", r.v6_ip);
-    c.text("v6_gateway", r.v6_gateway);
-    c.text("wan_name", r.wan_name);
-    c.number("disable_lan_dhcp", r.disable_lan_dhcp);
-    c.number("itfGroup", r.itfGroup);
-    c.number("v4_conn_state", r.v4_conn_state);
-    c.number("v6_conn_state", r.v6_conn_state);
-    c.number("dns_state", r.dns_state);
-    c.number("params_state", r.params_state);
-    c.number("pppoe_state", r.pppoe_state);
-    c.number("route_state", r.route_state);
-    c.number("dhcp_state", r.dhcp_state);
-}
-
-void expect_port(const json &fields, const zqSD_port_diag &r) {
-    FieldCheck c(fields);
-    c.text("status", r.status);
-    c.text("speed", r.speed);
-    c.text("duplex", r.duplex);
-}
-
-void expect_pon(const json &fields, const zqSD_pon_diag &r) {
-    FieldCheck c(fields);
-    c.text("pon_mode", r.pon_mode);
-    c.text("pon_state", r.pon_state);
-    c.real("rx_power", r.rx_power);
-    c.real("tx_power", r.tx_power);
-    c.text("customer_ver", r.customer_ver);
-    c.number("reg_state", r.reg_state);
-}
-
-void expect_dhcp(const json &fields, const zqSD_dhcp_diag &r) {
-    FieldCheck c(fields);
-    c.number("server_running", r.server_running);
-    c.text("interface", r.interface);
-    c.text("ip_addr", r.ip_addr);
-    c.text("pool_addr_start", r.pool_addr_start);
-    c.text("pool_addr_end", r.pool_addr_end);
-    c.text("subnet", r.subnet);
-    c.text("gateway", r.gateway);
-    c.text("dns", r.dns);
-    c.text("secondary_dns", r.secondary_dns);
-    c.number("fault_flags", r.fault_flags);
-    c.number("lan_dhcp_disabled", r.lan_dhcp_disabled);
-}
-
-void expect_sys(const json &fields, const zqSD_sys_diag &r) {
-    constexpr uint32_t CPU_FAULT = 32; // the host's CPU load differs between two runs
-    FieldCheck c(fields);
-    c.number("sys_mem_total", r.sys_mem_total);
-    c.number("sys_mem_free", r.sys_mem_free);
-    c.number("sys_mem_usage", r.sys_mem_usage);
-    c.present("sys_cpu_usage");
-    c.number("pid_boa", r.pid_boa);
-    c.number("pid_cwmpClient", r.pid_cwmpClient);
-    c.number("pid_omci_oam", r.pid_omci_oam);
-    c.text("dnsmasq", r.dnsmasq);
-    c.text("software_version", r.software_version);
-    if (fields.contains("fault_flags") && fields["fault_flags"].is_number_unsigned()) {
-        EXPECT_EQ(fields["fault_flags"].get<uint32_t>() & ~CPU_FAULT, r.fault_flags & ~CPU_FAULT);
+    default:
+        ADD_FAILURE() << "unknown record type " << node.type;
+        return json();
     }
-    c.present("fault_flags");
 }
 
 void expect_record(const json &record, const diag_data_node &node) {
@@ -327,21 +275,12 @@ void expect_record(const json &record, const diag_data_node &node) {
     EXPECT_EQ(record.value("count", 999u), node.count);
     ASSERT_TRUE(record.contains("fields") && record["fields"].is_object()) << record.dump();
     ASSERT_EQ(node.size, get_diag_data_size(node.type));
-    const json &fields = record["fields"];
-    switch (node.type) {
-    case WAN_DIAG_DATA:
-        return expect_wan(fields, *static_cast<const zqSD_wan_diag *>(node.data));
-    case PORT_DIAG_DATA:
-        return expect_port(fields, *static_cast<const zqSD_port_diag *>(node.data));
-    case PON_DIAG_DATA:
-        return expect_pon(fields, *static_cast<const zqSD_pon_diag *>(node.data));
-    case DHCP_DIAG_DATA:
-        return expect_dhcp(fields, *static_cast<const zqSD_dhcp_diag *>(node.data));
-    case SYS_DIAG_DATA:
-        return expect_sys(fields, *static_cast<const zqSD_sys_diag *>(node.data));
-    default:
-        ADD_FAILURE() << "unknown record type " << node.type;
-    }
+    // The record's reals are floats: compared at a float's precision.
+    json shown = record["fields"];
+    for (json &value : shown)
+        if (value.is_number_float()) value = static_cast<float>(value.get<double>());
+    const json expected = expected_fields(node, shown);
+    EXPECT_TRUE(shown == expected) << "differences: " << json::diff(expected, shown).dump();
 }
 
 json parse_json(const std::string &text) {
@@ -352,22 +291,20 @@ json parse_json(const std::string &text) {
 
 // ---- Help and usage ---------------------------------------------------------
 
-const std::vector<std::string> SUBCOMMANDS = {"diagnose", "repair", "records", "package", "permit"};
-
-TEST(CliUsage, HelpForTheToolAndEverySubcommand) {
+TEST(CliUsage, HelpForTheToolAndEverySubcommandRunsNothing) {
+    const std::vector<std::string> subcommands = {"diagnose", "repair", "records", "package", "permit"};
     for (const std::vector<std::string> &args : {std::vector<std::string>{"--help"}, {"-h"}, {"help"}}) {
         const CliResult r = cli(args);
         EXPECT_EQ(r.status, 0) << args[0];
         EXPECT_EQ(r.out.rfind("usage: zqdiag ", 0), 0u) << r.out;
-        for (const std::string &name : SUBCOMMANDS) EXPECT_TRUE(contains(r.out, "  " + name + " ")) << name;
+        for (const std::string &name : subcommands) EXPECT_TRUE(contains(r.out, "  " + name + " ")) << name;
     }
-    for (const std::string &name : SUBCOMMANDS) {
+    for (const std::string &name : subcommands) {
         for (const std::vector<std::string> &args :
              {std::vector<std::string>{name, "--help"}, {name, "-h"}, {"help", name}}) {
             const CliResult r = cli(args);
             EXPECT_EQ(r.status, 0) << args[0] << " " << args[1];
             EXPECT_EQ(r.out.rfind("usage: zqdiag " + name, 0), 0u) << r.out;
-            EXPECT_TRUE(contains(r.out, "--help")) << r.out;
             EXPECT_TRUE(r.err.empty()) << r.err;
         }
     }
@@ -377,38 +314,16 @@ TEST(CliUsage, HelpForTheToolAndEverySubcommand) {
     EXPECT_FALSE(permit_taken());
 }
 
-TEST(CliUsage, RepairHelpSaysItDiagnosesFirst) {
-    const CliResult r = cli({"repair", "--help"});
-    std::string lower = r.out;
-    for (char &c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    EXPECT_TRUE(contains(lower, "first runs a diagnosis")) << r.out;
-    EXPECT_TRUE(contains(cli({"--help"}).out, "'repair' diagnoses first"));
-}
-
 TEST(CliUsage, BadUsageExitsTwoAndRunsNothing) {
-    const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"frobnicate"},
-        {"--bogus", "permit"},
-        {"--color", "pink", "permit"},
-        {"diagnose", "--bogus"},
-        {"diagnose", "--mode"},
-        {"diagnose", "--mode", "x"},
-        {"diagnose", "--mode", "-1"},
-        {"diagnose", "--mode", "11"},
-        {"diagnose", "--mode", "4294967296"},
-        {"diagnose", "--mode", " 1"},
-        {"diagnose", "--mode=1x"},
-        {"diagnose", "--timeout", "0"},
-        {"diagnose", "extra"},
-        {"repair", "--mode", "99"},
-        {"records", "--json=yes"},
-        {"records", "--mode", ""},
-        {"package", "now"},
-        {"permit", "frobnicate"},
-        {"permit", "release", "now"},
-        {"help", "frobnicate"},
-    };
+    const std::vector<std::vector<std::string>> bad = {{},
+                                                       {"frobnicate"},
+                                                       {"--color", "pink", "permit"},
+                                                       {"diagnose", "--bogus"},
+                                                       {"diagnose", "--mode", "11"},
+                                                       {"diagnose", "--mode=1x"},
+                                                       {"diagnose", "extra"},
+                                                       {"records", "--json=yes"},
+                                                       {"permit", "frobnicate"}};
     for (const auto &args : bad) {
         std::string joined;
         for (const std::string &arg : args) joined += arg + " ";
@@ -423,12 +338,19 @@ TEST(CliUsage, BadUsageExitsTwoAndRunsNothing) {
 
 // ---- diagnose ---------------------------------------------------------------
 
-TEST(CliDiagnose, ErrorFindingGivesNonZeroExitAndEveryFindingIsShown) {
+TEST(CliDiagnose, ExitStatusFollowsTheFindingsAndEveryFindingIsShown) {
+    CliResult r = cli({"diagnose", "--mode", "2"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_TRUE(contains(r.out, "Pon registered")) << r.out;
+    EXPECT_FALSE(contains(r.out, "[error  ]")) << r.out;
+    EXPECT_FALSE(contains(r.out, "port_status")) << "mode 2 is the PON's path only: " << r.out;
+
+    // Each diagnosis removes the log of the one before and writes a new one.
     zqlab::scenario("pon-unregistered");
-    const CliResult r = cli({"diagnose"});
+    r = cli({"diagnose"});
     EXPECT_EQ(r.status, 1) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "pon_status")) << r.out;
     EXPECT_TRUE(contains(r.out, "[error  ] Pon is NOT_REGISTERED")) << r.out;
+    EXPECT_FALSE(contains(r.out, "Pon registered")) << "a finding of the run before";
     EXPECT_FALSE(contains(r.out, "\033[")) << "colour codes in piped output";
     EXPECT_FALSE(contains(r.out, "pon_status.pon_mode")) << "the record dump is not a finding";
     // Every finding of the log was shown, in order, and nothing else.
@@ -438,67 +360,26 @@ TEST(CliDiagnose, ErrorFindingGivesNonZeroExitAndEveryFindingIsShown) {
     EXPECT_FALSE(permit_taken());
 }
 
-TEST(CliDiagnose, FollowsTheNewLogOfEachRun) {
-    // Each diagnosis removes the log of the one before and writes a new one.
-    ASSERT_NE(cli({"diagnose", "--mode", "2"}).status, 3);
-    zqlab::set("pon.state", "NOT_REGISTERED");
-    const CliResult r = cli({"diagnose", "--mode", "2"});
-    EXPECT_EQ(r.status, 1) << r.out << r.err;
-    const std::vector<std::string> logged = log_findings(zqlab::read_file("/tmp/diag_file/diag_log"));
-    EXPECT_TRUE(contains(r.out, "[error  ] Pon is NOT_REGISTERED")) << r.out;
-    EXPECT_EQ(shown_findings(r.out), logged);
-    EXPECT_FALSE(contains(r.out, "Pon registered")) << "a finding of the run before";
-}
-
-TEST(CliDiagnose, RunWithoutErrorsGivesExitZero) {
-    const CliResult r = cli({"diagnose", "--mode", "2"});
-    EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "Pon registered")) << r.out;
-    EXPECT_TRUE(contains(r.out, " 0 error")) << r.out;
-    EXPECT_FALSE(contains(r.out, "[error  ]")) << r.out;
-}
-
-TEST(CliDiagnose, ModeNarrowsThePath) {
-    const CliResult r = cli({"diagnose", "--mode", "2"});
-    EXPECT_TRUE(contains(r.out, "== pon_status (diag)")) << r.out;
-    EXPECT_FALSE(contains(r.out, "port_status")) << r.out;
-    EXPECT_FALSE(contains(r.out, "sys_status")) << r.out;
-}
-
 TEST(CliDiagnose, PermitHeldByAnotherProcessIsReportedAndKept) {
     ASSERT_EQ(get_diag_permit(), 0);
     for (const std::vector<std::string> &args :
          {std::vector<std::string>{"diagnose"}, {"repair"}, {"records", "--json"}}) {
         const CliResult r = cli(args);
         EXPECT_EQ(r.status, 3) << args[0];
-        EXPECT_TRUE(contains(r.err, "unavailable")) << r.err;
         EXPECT_TRUE(contains(r.err, "permit is taken")) << r.err;
         EXPECT_FALSE(contains(r.out, "[")) << "no findings: " << r.out;
+        EXPECT_TRUE(args[0] != "records" || r.out.empty()) << "no JSON when no diagnosis ran: " << r.out;
         EXPECT_TRUE(permit_taken()) << args[0] << " gave back a permit it did not take";
     }
-    EXPECT_TRUE(cli({"records", "--json"}).out.empty()) << "no JSON when no diagnosis ran";
     release_diag_permit();
 }
 
-TEST(CliDiagnose, AlarmBitsAndAMissingManagerAreExplained) {
-    zqlab::set("alarm", "0x10");
-    CliResult r = cli({"diagnose"});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_TRUE(contains(r.err, "high CPU usage")) << r.err;
-    EXPECT_FALSE(contains(r.err, "high memory usage")) << r.err;
-
-    zqlab::set("alarm", "0x08");
-    r = cli({"diagnose"});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_TRUE(contains(r.err, "high memory usage")) << r.err;
-
-    // Without a manager the library starts the run, but its path search gets
-    // no permit and no step runs.
-    zqlab::set("alarm", "0");
+// Without a manager the library starts the run, but its path search gets no
+// permit and no step runs: that is no clean bill.
+TEST(CliDiagnose, RunWithoutAManagerIsNoSuccess) {
     zqlab::set("diagm.running", "no");
-    r = cli({"diagnose"});
+    const CliResult r = cli({"diagnose"});
     EXPECT_EQ(r.status, 3) << r.out << r.err;
-    EXPECT_TRUE(contains(r.err, "did not run")) << r.err;
     EXPECT_TRUE(contains(r.err, "no diagnosis manager")) << r.err;
     EXPECT_FALSE(permit_taken());
 }
@@ -516,38 +397,35 @@ TEST(CliDiagnose, InterruptGivesThePermitBack) {
     const pid_t pid = spawn({"diagnose"});
     ASSERT_GT(pid, 0);
     // The run holds the permit from its first step on, and hangs there.
-    for (int i = 0; i < 6000 && !permit_taken(); ++i) usleep(10000);
-    ASSERT_TRUE(permit_taken());
+    for (int i = 0; i < 3000 && !permit_taken(); ++i) usleep(10000);
+    const bool taken = permit_taken();
     kill(pid, SIGINT);
     const CliResult r = collect(pid);
+    ASSERT_TRUE(taken) << "the run never took the permit";
     EXPECT_EQ(r.status, 130) << r.out << r.err;
     EXPECT_TRUE(contains(r.err, "interrupted")) << r.err;
-    EXPECT_FALSE(permit_taken());
+    EXPECT_FALSE(permit_taken()) << r.err;
 }
 
 // ---- repair -----------------------------------------------------------------
 
 TEST(CliRepair, DiagnosesFirstAndIsJudgedOnItsOwnFindings) {
     zqlab::scenario("pon-unregistered");
-    const CliResult r = cli({"repair"});
+    CliResult r = cli({"repair"});
     // The diagnosis found the unregistered PON (an error); the repair fixed it.
     EXPECT_EQ(r.status, 0) << r.out << r.err;
-    const size_t diagnosis = r.out.find("Diagnosis before the repair");
     const size_t repair = r.out.find("\nRepair\n");
-    ASSERT_NE(diagnosis, std::string::npos) << r.out;
     ASSERT_NE(repair, std::string::npos) << r.out;
-    EXPECT_LT(diagnosis, repair);
-    EXPECT_NE(r.out.find("[error  ] Pon is NOT_REGISTERED"), std::string::npos);
-    EXPECT_LT(r.out.find("[error  ] Pon is NOT_REGISTERED"), repair);
+    EXPECT_LT(r.out.find("Diagnosis before the repair"), repair) << r.out;
+    EXPECT_LT(r.out.find("[error  ] Pon is NOT_REGISTERED"), repair) << r.out;
     EXPECT_GT(r.out.find("== pon_status (fix)"), repair) << r.out;
     EXPECT_TRUE(contains(zqlab::run("flash get PON_DETECT"), "=1"));
     EXPECT_FALSE(permit_taken());
-}
 
-TEST(CliRepair, ErrorOfTheRepairGivesNonZeroExit) {
+    // A repair that fails is an error of its own.
     zqlab::scenario("pon-unregistered");
     zqlab::set("flash.readonly", "yes");
-    const CliResult r = cli({"repair"});
+    r = cli({"repair"});
     EXPECT_EQ(r.status, 1) << r.out << r.err;
     EXPECT_GT(r.out.find("[error  ] Pon auto detect was turn on fail!"), r.out.find("\nRepair\n")) << r.out;
 }
@@ -588,8 +466,7 @@ TEST_P(CliRecords, JsonMatchesTheRecordChain) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, CliRecords,
-                         ::testing::Values(RecordsCase{"Healthy", "healthy-gpon", nullptr},
-                                           RecordsCase{"Unregistered", "pon-unregistered", nullptr},
+                         ::testing::Values(RecordsCase{"Unregistered", "pon-unregistered", nullptr},
                                            RecordsCase{"TwoWans", "bridge-wan", nullptr},
                                            // quote, backslash, tab, a control byte, a stray byte, valid UTF-8
                                            RecordsCase{"OddBytes", "healthy-gpon",
@@ -606,26 +483,13 @@ TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
     for (const std::string &line : lines_of(r.out))
         if (line.find("_DIAG_DATA ") != std::string::npos && line[0] != ' ') ++headers;
     EXPECT_EQ(headers, chain_nodes().size()) << r.out;
-    EXPECT_TRUE(contains(r.out, "PON_DIAG_DATA 1/1")) << r.out;
-    EXPECT_TRUE(contains(r.out, "rx_power")) << r.out;
     EXPECT_TRUE(contains(r.out, "-18.52 dBm")) << r.out;
-    EXPECT_TRUE(contains(r.out, "(registered)")) << r.out;
 }
 
-// ---- Colour -----------------------------------------------------------------
-
-TEST(CliOutput, ColourOnlyOnRequestAndNeverInJson) {
-    EXPECT_FALSE(contains(cli({"diagnose", "--mode", "2"}).out, "\033["));
-    EXPECT_TRUE(contains(cli({"--color", "always", "diagnose", "--mode", "2"}).out, "\033["));
-    const CliResult r = cli({"--color=always", "records", "--json", "--mode", "2"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_FALSE(contains(r.out, "\033["));
-    EXPECT_TRUE(parse_json(r.out).is_object());
-}
-
-// ---- package ----------------------------------------------------------------
+// ---- package and permit -----------------------------------------------------
 
 TEST(CliPackage, ListsTheMembersOfTheArchive) {
+    EXPECT_EQ(cli({"package"}).status, 1) << "nothing to pack before any diagnosis";
     ASSERT_NE(cli({"diagnose"}).status, 3);
     const CliResult r = cli({"package"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -636,52 +500,12 @@ TEST(CliPackage, ListsTheMembersOfTheArchive) {
     EXPECT_TRUE(contains(r.out, "  diag_log\n")) << r.out;
 }
 
-TEST(CliPackage, NothingToPackBeforeAnyDiagnosis) {
-    ASSERT_FALSE(zqlab::file_exists("/tmp/diag_file"));
-    const CliResult r = cli({"package"});
-    EXPECT_EQ(r.status, 1) << r.out;
-    EXPECT_TRUE(contains(r.err, "nothing to pack")) << r.err;
-}
-
-// ---- permit -----------------------------------------------------------------
-
-// The status line of one alarm bit.
-std::string alarm_line(const std::string &out, const char *bit) {
-    const size_t at = out.find(bit);
-    if (at == std::string::npos) return "";
-    const size_t begin = out.rfind('\n', at) + 1;
-    return out.substr(begin, out.find('\n', at) - begin);
-}
-
-TEST(CliPermit, StatusShowsThePermitAndTheAlarmBits) {
-    CliResult r = cli({"permit"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "permit: free")) << r.out;
-    EXPECT_TRUE(contains(r.out, "alarm word: 0x00000000")) << r.out;
-    EXPECT_TRUE(contains(r.out, "diagnosis available: yes")) << r.out;
-    for (const char *bit : {"ALARM_HIGH_CPU", "ALARM_HIGH_MEMORY"})
-        EXPECT_NE(alarm_line(r.out, bit).find(" clear "), std::string::npos) << r.out;
-
-    ASSERT_EQ(get_diag_permit(), 0);
-    zqlab::set("alarm", "0x18");
-    r = cli({"permit", "status"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "permit: taken")) << r.out;
-    EXPECT_TRUE(contains(r.out, "alarm word: 0x00000018")) << r.out;
-    for (const char *bit : {"ALARM_HIGH_CPU", "ALARM_HIGH_MEMORY"})
-        EXPECT_NE(alarm_line(r.out, bit).find(" set "), std::string::npos) << r.out;
-    EXPECT_TRUE(contains(r.out, "diagnosis available: no")) << r.out;
-    EXPECT_TRUE(permit_taken()) << "status changes nothing";
-    release_diag_permit();
-}
-
 TEST(CliPermit, ReleaseFreesThePermitAndNeverRaisesIt) {
     ASSERT_EQ(get_diag_permit(), 0);
+    EXPECT_TRUE(contains(cli({"permit"}).out, "permit: taken"));
     CliResult r = cli({"permit", "release"});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(contains(r.out, "permit released")) << r.out;
     EXPECT_FALSE(permit_taken());
-
     r = cli({"permit", "release"});
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(contains(r.out, "nothing to release")) << r.out;
