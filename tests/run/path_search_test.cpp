@@ -74,11 +74,15 @@ auto registered_with(std::vector<zqSD_wan_diag> wans, uint32_t reg_state = 0) {
     };
 }
 
-TEST(DiagnosisPath, UnregisteredPonSkipsEveryWanStep) {
-    EXPECT_EQ(walk_diag(0, registered_with({}, 2)),
-              (Steps{"port_status", "pon_status", "dhcp_config", "sys_status", "end"}));
-    EXPECT_EQ(is_diag_permit_holding(), 0);
-    EXPECT_STREQ(zq_running_method, "end");
+TEST(DiagnosisPath, UnregisteredOrUnlinkedPonSkipsEveryWanStep) {
+    auto wan = make_wan("route-ppp", "IPv4", "INTERNET", 4, "10.0.0.1");
+    for (uint32_t reg_state : {1u, 2u}) {
+        EXPECT_EQ(walk_diag(0, registered_with({wan}, reg_state)),
+                  (Steps{"port_status", "pon_status", "dhcp_config", "sys_status", "end"}))
+            << reg_state;
+        EXPECT_EQ(is_diag_permit_holding(), 0);
+        EXPECT_STREQ(zq_running_method, "end");
+    }
 }
 
 TEST(DiagnosisPath, NoPonRecordSkipsEveryWanStep) {
