@@ -71,24 +71,6 @@ TEST(EndToEnd, RepairAfterDiagnosisTurnsDetectionOn) {
     EXPECT_NE(zq_search_diag_record(PON_DIAG_DATA), nullptr);
 }
 
-TEST(EndToEnd, SecondRequestWhileBusyStartsNothing) {
-    zqlab::set("alarm", "0");
-    g_diag_exec.kind = 0;
-    g_diag_exec.mode = 0;
-    g_diag_exec.action = 0;
-    ASSERT_EQ(diagnose_set(), 0);
-    EXPECT_EQ(diagnose_set(), 0) << "a busy worker is not an error";
-    for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
-}
-
-TEST(EndToEnd, LoadedSystemRefusesToStart) {
-    zqlab::set("alarm", "0x10");
-    EXPECT_EQ(run_and_wait(0, 0), -1);
-    EXPECT_EQ(g_diag_exec.state, EXEC_IDLE);
-}
-
 TEST(EndToEnd, PackageHoldsTheEvidenceInOrder) {
     ASSERT_EQ(run_and_wait(0, 0), 0);
     ASSERT_EQ(zq_packet_diag_file(), 0);
