@@ -109,7 +109,7 @@ bool take_end(uint8_t &end_visited, zq_diag_step *step, uint32_t action) {
 
 void set_next_step(zq_diag_step *step, const char *method, uint32_t action) {
     memset(step->method, 0, sizeof(step->method));
-    memcpy(step->method, method, strnlen(method, sizeof(step->method)));
+    zq::copy(step->method, method);
     step->action = action;
     step->result = 0;
 }

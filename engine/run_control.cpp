@@ -110,7 +110,7 @@ int zq_intact_diag_run(zq_diag_step *step) {
     notify_diag_manager();
     // A caller's step name may fill all 32 bytes; dispatch a terminated copy.
     char method[sizeof(step->method) + 1] = {};
-    memcpy(method, step->method, sizeof(step->method));
+    zq::copy(method, step->method);
     if (zq_get_sys_diag(method, step->action, zq_args(nullptr, 0, &step->result, sizeof(step->result))) != 0)
         zq_diag_msg_printf(DIAG_MSG_ERROR, "%s processing fail", method);
     diag_log_record(*step);
