@@ -8,6 +8,7 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "records/records.h"
+#include "upload/upload.h"
 
 diag_exec_ctl g_diag_exec;
 diag_exec_ctl g_cap_exec;
@@ -18,15 +19,6 @@ namespace {
 
 enum : uint32_t { ACTION_RUN = 0, ACTION_UPLOAD = 1 };
 enum : uint32_t { KIND_DIAGNOSE = 0, KIND_FIX = 1 };
-
-// The block is shared with the calling thread without a lock; the fields
-// that cross threads are written and read whole.
-void set_state(diag_exec_ctl &block, uint32_t state) {
-    __atomic_store_n(&block.state, state, __ATOMIC_RELEASE);
-}
-uint32_t get_state(const diag_exec_ctl &block) { return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE); }
-void clear_worker(diag_exec_ctl &block) { __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE); }
-bool worker_busy(const diag_exec_ctl &block) { return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0; }
 
 void *diagnose_execution(void *) {
     pthread_detach(pthread_self());
@@ -43,25 +35,25 @@ void *diagnose_execution(void *) {
         break;
     }
     if (result == 0) {
-        set_state(g_diag_exec, EXEC_DONE);
+        set_exec_state(g_diag_exec, EXEC_DONE);
     } else {
         ZQ_LOG("Diagnose may already exist in system.");
-        set_state(g_diag_exec, EXEC_IDLE);
+        set_exec_state(g_diag_exec, EXEC_IDLE);
     }
-    clear_worker(g_diag_exec);
+    clear_exec_worker(g_diag_exec);
     return nullptr;
 }
 
-// The running state is written before the worker starts, so a worker that
+// The worker's first state is written before it starts, so a worker that
 // ends at once always leaves its own end state behind. If the thread cannot
 // be started, the block is put back as it was.
-int start_diagnose_worker() {
-    const uint32_t previous = get_state(g_diag_exec);
-    set_state(g_diag_exec, EXEC_RUNNING);
-    if (pthread_create(&g_diag_exec.worker, nullptr, diagnose_execution, nullptr) != 0) {
-        clear_worker(g_diag_exec);
-        set_state(g_diag_exec, previous);
-        ZQ_LOG("pthread_create fail - diagnose_execution");
+int start_diagnose_worker(void *(*worker)(void *), uint32_t first_state, const char *failure) {
+    const uint32_t previous = get_exec_state(g_diag_exec);
+    set_exec_state(g_diag_exec, first_state);
+    if (pthread_create(&g_diag_exec.worker, nullptr, worker, nullptr) != 0) {
+        clear_exec_worker(g_diag_exec);
+        set_exec_state(g_diag_exec, previous);
+        ZQ_LOG("%s", failure);
         return -1;
     }
     return 0;
@@ -80,7 +72,7 @@ int run_path(uint32_t mode, path_search_fn search) {
 } // namespace
 
 int diagnose_set() {
-    if (worker_busy(g_diag_exec)) {
+    if (exec_worker_busy(g_diag_exec)) {
         zq_log_plain("diagnose execution is busy");
         return 0;
     }
@@ -90,10 +82,9 @@ int diagnose_set() {
     }
     switch (g_diag_exec.action) {
     case ACTION_RUN:
-        return start_diagnose_worker();
+        return start_diagnose_worker(diagnose_execution, EXEC_RUNNING, "pthread_create fail - diagnose_execution");
     case ACTION_UPLOAD:
-        ZQ_LOG("diagnosis upload is not available in this build");
-        return -1;
+        return start_diagnose_worker(diagnose_upload, EXEC_UPLOADING, "pthread_create fail - diagnose_upload");
     default:
         ZQ_LOG("invalid action");
         return -1;

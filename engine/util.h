@@ -50,6 +50,14 @@ template <size_t N, size_t M> inline void copy(char (&dst)[N], const char (&src)
 }
 #define ZQ_FORMAT(buf, ...) ::zq::format((buf), sizeof(buf), __VA_ARGS__)
 
+// string_view::substr without its range check (which would throw): a start
+// past the end gives an empty view, a count past the end is clamped.
+inline std::string_view sub(std::string_view s, size_t pos, size_t n = std::string_view::npos) {
+    if (pos > s.size()) pos = s.size();
+    const size_t left = s.size() - pos;
+    return {s.data() + pos, n < left ? n : left};
+}
+
 // Null-safe, case-sensitive substring test.
 inline bool contains(std::string_view hay, std::string_view needle) {
     return hay.find(needle) != std::string_view::npos;
@@ -106,16 +114,21 @@ bool file_exists(const char *path);
 } // namespace zq
 
 namespace zq {
-// True when `s` is a non-empty word that can stand unquoted in a shell
-// command: letters, digits and _ . - / : only. Names and keys that callers
-// hand to the library's command templates are checked with it.
-inline bool is_shell_word(std::string_view s) {
+// True when `s` is a non-empty word of letters, digits and the characters
+// of `extra` only. Text that goes into a shell command is checked against
+// the word class of its field; what fails is refused, never escaped.
+inline bool is_word_of(std::string_view s, std::string_view extra) {
     if (s.empty()) return false;
     for (char c : s) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-                  c == '.' || c == '-' || c == '/' || c == ':';
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  extra.find(c) != std::string_view::npos;
         if (!ok) return false;
     }
     return true;
 }
+
+// True when `s` is a non-empty word that can stand unquoted in a shell
+// command: letters, digits and _ . - / : only. Names and keys that callers
+// hand to the library's command templates are checked with it.
+inline bool is_shell_word(std::string_view s) { return is_word_of(s, "_.-/:"); }
 } // namespace zq
