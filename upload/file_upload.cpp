@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netdb.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "engine/engine.h"
@@ -223,7 +224,9 @@ int tftp_upload(upload_params *p) {
 
 int run_ftp_sh(upload_params *p) {
     if (!p) return -1;
-    if (zq::file_exists(ZQ_FTP_SCRIPT_PATH)) zq_system("rm -rf /tmp/run_ftp.sh");
+    // A link counts as there too, dangling or not.
+    struct stat st {};
+    if (lstat(ZQ_FTP_SCRIPT_PATH, &st) == 0) zq_system("rm -rf /tmp/run_ftp.sh");
     // The script holds the password: created afresh for the owner only, and
     // never through a link that someone laid in /tmp meanwhile.
     const int fd = open(ZQ_FTP_SCRIPT_PATH, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
