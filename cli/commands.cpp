@@ -10,6 +10,7 @@
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
 #include "records_view.hpp"
+#include "upload_run.hpp"
 #include "zq_diag.h"
 
 namespace zqcli {
@@ -50,6 +51,14 @@ constexpr OptionDef REPAIR_OPTIONS[] = {
 constexpr OptionDef RECORDS_OPTIONS[] = {
     {"json", 0, nullptr, "print JSON instead of text"}, MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
 constexpr OptionDef HELP_ONLY[] = {HELP_OPTION};
+constexpr OptionDef UPLOAD_OPTIONS[] = {
+    {"url", 0, "URL", "the server: ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST[:PORT]"},
+    {"protocol", 0, "ftp|tftp", "transfer protocol (default: the URL's scheme)"},
+    {"wan", 0, "N", "send through WAN connection N, 1 to 8 (default: the default route)"},
+    {"timeout", 0, "SECONDS", "give up waiting after this long (default 120; 1 to 86400)"},
+    HELP_OPTION};
+constexpr unsigned DEFAULT_UPLOAD_TIMEOUT_S = 120;
+constexpr uint32_t MAX_WAN = 8;
 
 // ---- Shared option handling -------------------------------------------------
 
@@ -183,6 +192,72 @@ int run_package(const Command &self, const ParsedArgs &args) {
     return EXIT_OK;
 }
 
+// ---- upload -----------------------------------------------------------------
+
+// --url, --protocol, --wan and --timeout into `request`; false (with `status`
+// 2) on bad input.
+bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequest &request, int &status) {
+    if (!no_positionals(self, args, status)) return false;
+    const std::string *url = args.value("url");
+    if (!url || url->empty()) {
+        status = usage_error(self, "--url is required");
+        return false;
+    }
+    if (url->size() >= sizeof(diag_exec_ctl::url)) {
+        status = usage_error(self, "the URL is longer than 63 characters");
+        return false;
+    }
+    request.url = *url;
+    request.protocol = url->rfind("tftp://", 0) == 0 ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
+    if (const std::string *protocol = args.value("protocol")) {
+        if (*protocol != "ftp" && *protocol != "tftp") {
+            status = usage_error(self, "bad protocol '" + *protocol + "' (ftp or tftp)");
+            return false;
+        }
+        request.protocol = *protocol == "tftp" ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
+    }
+    if (const std::string *wan = args.value("wan")) {
+        auto number = parse_number(*wan, 1, MAX_WAN);
+        if (!number) {
+            status = usage_error(self, "bad WAN '" + *wan + "' (a number from 1 to 8)");
+            return false;
+        }
+        request.wan = *number;
+    }
+    request.timeout_s = DEFAULT_UPLOAD_TIMEOUT_S;
+    if (const std::string *timeout = args.value("timeout")) {
+        auto number = parse_number(*timeout, 1, MAX_TIMEOUT_S);
+        if (!number) {
+            status = usage_error(self, "bad timeout '" + *timeout + "' (seconds, from 1 to 86400)");
+            return false;
+        }
+        request.timeout_s = *number;
+    }
+    return true;
+}
+
+void print_upload_title(const char *what, const UploadRequest &request) {
+    const std::string route = request.wan ? "WAN " + std::to_string(request.wan) : "the default route";
+    print_title(std::string("Upload of ") + what + " to " + hide_password(request.url) + " (" +
+                (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route + ")");
+}
+
+int run_upload_package(const Command &self, const ParsedArgs &args) {
+    UploadRequest request;
+    int status = EXIT_OK;
+    if (!read_upload_options(self, args, request, status)) return status;
+    print_upload_title("the diagnosis package", request);
+    if (zq_packet_diag_file() != 0) {
+        warn("nothing to pack: there are no diagnosis files under /tmp/diag_file/ "
+             "(run 'zqdiag diagnose' first)");
+        return EXIT_FINDING_ERROR;
+    }
+    struct stat st {};
+    if (stat(PACKAGE_PATH, &st) == 0)
+        say("  packed %s (%lld bytes)\n", PACKAGE_PATH, static_cast<long long>(st.st_size));
+    return run_upload({"the diagnosis package", &g_diag_exec, 1, diagnose_set}, request);
+}
+
 // ---- permit -----------------------------------------------------------------
 
 struct AlarmBit {
@@ -268,6 +343,16 @@ constexpr Command COMMANDS[] = {
      "(zq_packet_diag_file), then lists the archive's members.\n"
      "Exit status 1 when there was nothing to pack.",
      HELP_ONLY, run_package, false},
+    {"upload", "--url URL [--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
+     "pack the diagnosis files and upload them to a server",
+     "Packs the evidence of the last diagnosis (zq_packet_diag_file) and asks the\n"
+     "library to upload it (the upload action of diagnose_set): the archive is\n"
+     "renamed with the time (11161621dia.tar for Nov 16 16:21), a host route to\n"
+     "the server is added through WAN N for the transfer, and the file is sent\n"
+     "with btftp (TFTP) or wput, falling back to the ftp client (FTP).\n"
+     "Shows the control block's state as it changes and ends with the name the\n"
+     "server stored, or with why the upload failed. Exit status 1 when it failed.",
+     UPLOAD_OPTIONS, run_upload_package, false},
     {"permit", "[status|release]", "show or release the diagnosis permit and the alarm word",
      "status (the default): whether the diagnosis permit is taken, the alarm word\n"
      "with its ALARM_HIGH_CPU and ALARM_HIGH_MEMORY bits, and whether a diagnosis\n"
