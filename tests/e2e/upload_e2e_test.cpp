@@ -19,7 +19,7 @@ constexpr const char *FTP_DIR = "/run/zqlab/isp/ftp/upload/";
 constexpr const char *TFTP_DIR = "/run/zqlab/isp/tftp/";
 constexpr const char *STAMPED = "11161621dia.tar";
 // The upload goes through the first WAN connection.
-constexpr uint8_t FIRST_WAN = 0x00;
+constexpr uint8_t FIRST_WAN = 0x01;
 
 void wait_for_worker() {
     for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
@@ -86,8 +86,8 @@ TEST(UploadEndToEnd, FtpStoresTheTimestampedPackage) {
     EXPECT_TRUE(zqlab::journal("ftp").empty());
     const auto routes = zqlab::journal("diagM");
     ASSERT_GE(routes.size(), 2u);
-    EXPECT_EQ(routes[routes.size() - 2], "diagM wan_route add 203.0.113.21 -1");
-    EXPECT_EQ(routes.back(), "diagM wan_route del 203.0.113.21 -1");
+    EXPECT_EQ(routes[routes.size() - 2], "diagM wan_route add 203.0.113.21 0");
+    EXPECT_EQ(routes.back(), "diagM wan_route del 203.0.113.21 0");
     EXPECT_FALSE(zqlab::file_exists("/tmp/diag_file/diag_log.tar"));
 
     // A second upload within the same minute renames the new package onto
@@ -148,7 +148,7 @@ TEST(UploadEndToEnd, RefusedRouteSendsNothing) {
     diagnose_and_pack();
     const Upload u = upload(FTP_URL);
     EXPECT_EQ(u.state, EXEC_UPLOAD_FAIL);
-    EXPECT_EQ(zqlab::journal("diagM").back(), "diagM wan_route add 203.0.113.21 -1");
+    EXPECT_EQ(zqlab::journal("diagM").back(), "diagM wan_route add 203.0.113.21 0");
     EXPECT_TRUE(zqlab::journal("ftp").empty());
     EXPECT_EQ(listing(FTP_DIR), "");
     EXPECT_EQ(zqlab::read_file("/run/zqlab/isp/ftp.log").find("CONNECT"), std::string::npos);
