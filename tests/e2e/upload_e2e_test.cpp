@@ -123,6 +123,23 @@ TEST(UploadEndToEnd, TftpStoresThePackage) {
                            " -b 65535");
 }
 
+TEST(UploadEndToEnd, SecondWanCarriesTheUploadOnAHostRouteOfItsOwn) {
+    zqlab::scenario("upload-second-wan");
+    diagnose_and_pack();
+    const Upload u = upload(FTP_URL, UPLOAD_PROTOCOL_FTP, 0x06); // lowest bit: WAN 2
+    EXPECT_EQ(u.state, EXEC_UPLOADED) << u.log;
+    EXPECT_TRUE(same_file(std::string(FTP_DIR) + STAMPED, std::string("/tmp/diag_file/") + STAMPED));
+    const auto routes = zqlab::journal("diagM");
+    ASSERT_GE(routes.size(), 2u);
+    EXPECT_EQ(routes[routes.size() - 2], "diagM wan_route add 203.0.113.21 1");
+    EXPECT_EQ(routes.back(), "diagM wan_route del 203.0.113.21 1");
+    // The server saw the second WAN's address; the host route is gone again.
+    const std::string server_log = zqlab::read_file("/run/zqlab/isp/ftp.log");
+    EXPECT_NE(server_log.find("CONNECT: Client \"198.18.0.10\""), std::string::npos) << server_log;
+    EXPECT_EQ(server_log.find("CONNECT: Client \"192.0.2.10\""), std::string::npos) << server_log;
+    EXPECT_NE(zqlab::run("ip route get 203.0.113.21").find("via 192.0.2.1 dev nas0_0"), std::string::npos);
+}
+
 TEST(UploadEndToEnd, ServerDownFailsWithBothClients) {
     zqlab::scenario("upload-server-down");
     diagnose_and_pack();
