@@ -93,6 +93,8 @@ int parse_credentials(std::string_view url, size_t at, upload_params &p) {
     return 0;
 }
 
+} // namespace
+
 // The host name as dotted IPv4 text, resolved when it is a name.
 int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]) {
     char text[MAX_HOST_PART + 1] = {};
@@ -111,6 +113,8 @@ int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]
     zq::copy(out, zq::view(address));
     return 0;
 }
+
+namespace {
 
 // The port written after the host, or 0 when there is none.
 int parse_port(std::string_view text, uint32_t &port) {
@@ -160,15 +164,17 @@ int url_add_slash(upload_params *p) {
     return 0;
 }
 
-int wput_url_parse(upload_params *p) {
-    if (!p) return -1;
+int wput_url_parse(upload_params *p) { return parse_upload_url(p, resolve_host); }
+
+int parse_upload_url(upload_params *p, host_resolver resolve) {
+    if (!p || !resolve) return -1;
     if (!terminated(p->url)) {
-        ZQ_LOG("refused url: unterminated text");
+        ZQ_LOG_AS("wput_url_parse", "refused url: unterminated text");
         return -1;
     }
     url_add_slash(p);
     const std::string_view url = zq::view(p->url);
-    if (!accept_upload_word(__func__, upload_word::url, "url", url)) return -1;
+    if (!accept_upload_word("wput_url_parse", upload_word::url, "url", url)) return -1;
 
     if (zq::contains(url, "tftp://"))
         p->port = TFTP_PORT;
@@ -198,12 +204,12 @@ int wput_url_parse(upload_params *p) {
         host_name = zq::sub(host_part, 0, colon);
         port_text = zq::sub(host_part, colon + 1);
     }
-    if (!accept_upload_word(__func__, upload_word::host, "host", host_name)) return -1;
+    if (!accept_upload_word("wput_url_parse", upload_word::host, "host", host_name)) return -1;
     uint32_t port = 0;
     if (parse_port(port_text, port) != 0) return -1;
 
     zq::copy(p->path, zq::sub(url, host_end));
-    if (resolve_host(host_name, p->host) != 0) return -1;
+    if (resolve(host_name, p->host) != 0) return -1;
     if (port != 0) p->port = port;
     return 0;
 }

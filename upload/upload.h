@@ -12,6 +12,11 @@
 // ---- File upload -----------------------------------------------------------
 int zq_file_upload(upload_params p);
 int wput_url_parse(upload_params *p);
+// The parser with the name resolution passed in (wput_url_parse passes
+// resolve_host, which asks the system's resolver for a name).
+using host_resolver = int (*)(std::string_view name, char (&out)[sizeof(upload_params::host)]);
+int parse_upload_url(upload_params *p, host_resolver resolve);
+int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]);
 int url_add_slash(upload_params *p);
 int upload_action(upload_params *p);
 int tftp_upload(upload_params *p);
@@ -31,6 +36,10 @@ int zq_get_timestamps(char *out);
 int is_time_synced();
 int zq_get_month_num(const char *name);
 int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t mode, uint64_t max_len);
+// The renaming rule alone: the new full path of `src` with `stamp` in
+// `dst` (128 bytes), 0; or -1 (logged) when the name cannot be made, `dst`
+// then holding `src`.
+int stamped_path(std::string_view src, std::string_view stamp, uint32_t mode, uint64_t max_len, char *dst);
 int get_wan_index(uint8_t mask);
 int rotate_mode_init(tcpdump_req *req);
 constexpr const char *ZQ_TIME_STATUS_PATH = "/tmp/timeStatus";

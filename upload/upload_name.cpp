@@ -109,20 +109,13 @@ int zq_get_timestamps(char *out) {
     return 0;
 }
 
-int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t mode, uint64_t max_len) {
-    if (!src || !dst || !zq::file_exists(src)) {
-        ZQ_LOG("cannot find src_file !!");
-        return -1;
-    }
-    const std::string_view source = zq::view(src);
+int stamped_path(std::string_view source, std::string_view timestamp, uint32_t mode, uint64_t max_len, char *dst) {
     zq::copy(dst, PATH_SIZE, source);
-    const std::string_view timestamp = zq::view(stamp);
     if (timestamp.empty() || mode == 0) return -1;
 
     const size_t slash = source.rfind('/');
     const size_t dir_length = slash == std::string_view::npos ? 0 : slash + 1;
-    std::string_view base = zq::sub(source, dir_length);
-    if (base.size() > MAX_BASE_NAME) base = zq::sub(base, 0, MAX_BASE_NAME);
+    std::string_view base = zq::sub(zq::sub(source, dir_length), 0, MAX_BASE_NAME);
     const size_t length = base.size();
     std::string_view extension;
     if (const size_t dot = base.find('.'); dot != std::string_view::npos) {
@@ -130,36 +123,50 @@ int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t 
         base = zq::sub(base, 0, dot);
     }
     if (max_len <= length) {
-        ZQ_LOG("length of filename is too short !!");
+        ZQ_LOG_AS("zq_rename_file_name", "length of filename is too short !!");
         return -1;
     }
     // A stamp that leaves no room for the extension would make a name
     // longer than max_len - 1 characters; such a stamp is refused.
     if (max_len < timestamp.size() + extension.size() + 1) {
-        ZQ_LOG("length of timestamp is too long !!");
+        ZQ_LOG_AS("zq_rename_file_name", "length of timestamp is too long !!");
         return -1;
     }
-    const size_t keep = static_cast<size_t>(max_len) - timestamp.size() - extension.size() - 1;
-    const std::string_view prefix = zq::sub(base, 0, keep);
-    char name[PATH_SIZE] = {};
-    if (mode == 2)
-        ZQ_FORMAT(name, "%.*s%.*s%.*s", static_cast<int>(prefix.size()), prefix.data(),
-                  static_cast<int>(timestamp.size()), timestamp.data(), static_cast<int>(extension.size()),
-                  extension.data());
-    else
-        ZQ_FORMAT(name, "%.*s%.*s%.*s", static_cast<int>(timestamp.size()), timestamp.data(),
-                  static_cast<int>(prefix.size()), prefix.data(), static_cast<int>(extension.size()),
-                  extension.data());
+    const std::string_view prefix =
+        zq::sub(base, 0, static_cast<size_t>(max_len) - timestamp.size() - extension.size() - 1);
+    const std::string_view first = mode == 2 ? prefix : timestamp;
+    const std::string_view second = mode == 2 ? timestamp : prefix;
     char renamed[PATH_SIZE] = {};
-    ZQ_FORMAT(renamed, "%.*s%s", static_cast<int>(dir_length), source.data(), name);
+    const int n = ZQ_FORMAT(renamed, "%.*s%.*s%.*s%.*s", static_cast<int>(dir_length), source.data(),
+                            static_cast<int>(first.size()), first.data(), static_cast<int>(second.size()),
+                            second.data(), static_cast<int>(extension.size()), extension.data());
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(renamed)) {
+        ZQ_LOG_AS("zq_rename_file_name", "refused dst: longer than %zu bytes", sizeof(renamed) - 1);
+        return -1;
+    }
+    zq::copy(dst, PATH_SIZE, zq::view(renamed));
+    return 0;
+}
 
+int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t mode, uint64_t max_len) {
+    if (!src || !dst || !zq::file_exists(src)) {
+        ZQ_LOG("cannot find src_file !!");
+        return -1;
+    }
+    char renamed[PATH_SIZE] = {};
+    if (stamped_path(zq::view(src), zq::view(stamp), mode, max_len, renamed) != 0) {
+        zq::copy(dst, PATH_SIZE, zq::view(renamed));
+        return -1;
+    }
     // Both paths go into a command: plain words only, and the whole command
     // must fit, or the file keeps its name.
     char cmd[200] = {};
-    if (!accept_upload_word(__func__, upload_word::local_path, "src", source) ||
+    if (!accept_upload_word(__func__, upload_word::local_path, "src", zq::view(src)) ||
         !accept_upload_word(__func__, upload_word::local_path, "dst", zq::view(renamed)) ||
-        !ZQ_FORMAT_CMD(cmd, "mv %s %s", src, renamed))
+        !ZQ_FORMAT_CMD(cmd, "mv %s %s", src, renamed)) {
+        zq::copy(dst, PATH_SIZE, zq::view(src));
         return -1;
+    }
     zq::copy(dst, PATH_SIZE, zq::view(renamed));
     zq_system(cmd);
     return 0;
