@@ -90,14 +90,16 @@ constexpr FailureRule FAILURE_RULES[] = {
     {"does not exist and cannot be renamed or uploaded", "there is no archive to send"},
     {"is not exist", "the archive to send is missing"},
     {"Can't parse Upload Hostname", "the server's name does not resolve"},
-    {"wput url parse error", "the URL is not understood (ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST)"},
+    {"wput url parse error",
+     "the URL is not understood (ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST)"},
     {"unknown protocol", "the protocol is neither FTP nor TFTP"},
     {"tftp error", "the TFTP transfer failed (server down, unreachable, or refusing to create the file)"},
     {"run_ftp_sh error", "the FTP command script could not be written"},
     {"ftp upload error",
      "the FTP server did not take the file: wput and the ftp client both failed (server down or "
      "unreachable, login refused, or no write permission)"},
-    {"ftp buffer is empty", "the FTP server did not take the file: wput failed and the ftp client said nothing"},
+    {"ftp buffer is empty",
+     "the FTP server did not take the file: wput failed and the ftp client said nothing"},
 };
 
 // Notes that do not make an upload fail.
@@ -122,7 +124,9 @@ std::string failure_reason(const std::string &log) {
     return "nothing was sent: the diagnosis manager refused the route to the server";
 }
 
-bool worker_running(const diag_exec_ctl &block) { return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0; }
+bool worker_running(const diag_exec_ctl &block) {
+    return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0;
+}
 uint32_t block_state(const diag_exec_ctl &block) { return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE); }
 
 } // namespace

@@ -20,10 +20,10 @@ struct UploadRequest {
 // Which upload: the diagnosis package through diagnose_set, or the capture
 // archive through capture_set.
 struct UploadTarget {
-    const char *what;          // "the diagnosis package"
-    diag_exec_ctl *block;      // g_diag_exec or g_cap_exec
-    uint32_t action;           // the block's upload action
-    int (*start)();            // diagnose_set or capture_set
+    const char *what;     // "the diagnosis package"
+    diag_exec_ctl *block; // g_diag_exec or g_cap_exec
+    uint32_t action;      // the block's upload action
+    int (*start)();       // diagnose_set or capture_set
 };
 
 // Runs the upload and returns the tool's exit status.

@@ -87,7 +87,9 @@ inline void set_exec_state(diag_exec_ctl &block, uint32_t state) {
 inline uint32_t get_exec_state(const diag_exec_ctl &block) {
     return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE);
 }
-inline void clear_exec_worker(diag_exec_ctl &block) { __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE); }
+inline void clear_exec_worker(diag_exec_ctl &block) {
+    __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE);
+}
 inline bool exec_worker_busy(const diag_exec_ctl &block) {
     return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0;
 }

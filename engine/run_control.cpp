@@ -82,9 +82,11 @@ int diagnose_set() {
     }
     switch (g_diag_exec.action) {
     case ACTION_RUN:
-        return start_diagnose_worker(diagnose_execution, EXEC_RUNNING, "pthread_create fail - diagnose_execution");
+        return start_diagnose_worker(diagnose_execution, EXEC_RUNNING,
+                                     "pthread_create fail - diagnose_execution");
     case ACTION_UPLOAD:
-        return start_diagnose_worker(diagnose_upload, EXEC_UPLOADING, "pthread_create fail - diagnose_upload");
+        return start_diagnose_worker(diagnose_upload, EXEC_UPLOADING,
+                                     "pthread_create fail - diagnose_upload");
     default:
         ZQ_LOG("invalid action");
         return -1;

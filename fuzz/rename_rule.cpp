@@ -40,10 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(name.size() < max_len);
     const std::string_view base = src_view.substr(dir).substr(0, 127);
     const size_t dot = base.find('.');
-    const std::string_view extension = dot == std::string_view::npos ? std::string_view{} : base.substr(dot, 49);
+    const std::string_view extension =
+        dot == std::string_view::npos ? std::string_view{} : base.substr(dot, 49);
     FUZZ_CHECK(name.size() >= extension.size() && name.substr(name.size() - extension.size()) == extension);
     if (mode == 2)
-        FUZZ_CHECK(name.substr(name.size() - extension.size() - stamp_view.size(), stamp_view.size()) == stamp_view);
+        FUZZ_CHECK(name.substr(name.size() - extension.size() - stamp_view.size(), stamp_view.size()) ==
+                   stamp_view);
     else
         FUZZ_CHECK(name.substr(0, stamp_view.size()) == stamp_view);
     return 0;

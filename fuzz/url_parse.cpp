@@ -32,7 +32,9 @@ int stand_in_resolver(std::string_view name, char (&out)[sizeof(upload_params::h
 
 template <size_t N> bool terminated(const char (&field)[N]) { return memchr(field, '\0', N) != nullptr; }
 
-bool only(std::string_view text, std::string_view extra) { return text.empty() || zq::is_word_of(text, extra); }
+bool only(std::string_view text, std::string_view extra) {
+    return text.empty() || zq::is_word_of(text, extra);
+}
 
 } // namespace
 

@@ -141,7 +141,8 @@ int upload_route(const char *caller, const char *verb, const upload_params &p) {
     if (!terminated(p.host) || !accept_upload_word(caller, upload_word::host, "host", zq::view(p.host)))
         return -1;
     char cmd[128] = {};
-    if (!format_cmd(caller, cmd, sizeof(cmd), "diagM wan_route %s %s %d", verb, p.host, static_cast<int>(p.wan_index) - 1))
+    if (!format_cmd(caller, cmd, sizeof(cmd), "diagM wan_route %s %s %d", verb, p.host,
+                    static_cast<int>(p.wan_index) - 1))
         return -1;
     // The answer is read into a buffer of this call rather than the shared
     // result buffer: route requests come from upload threads that run
@@ -218,7 +219,7 @@ int tftp_upload(upload_params *p) {
     if (!p || p->host[0] == '\0' || p->local_file[0] == '\0') return -1;
     char cmd[128] = {};
     if (!ZQ_FORMAT_CMD(cmd, "timeout -t 20 btftp %s %d -p -l %s -r %s -b 65535", p->host,
-                    static_cast<int>(p->port), p->local_file, p->remote_file))
+                       static_cast<int>(p->port), p->local_file, p->remote_file))
         return -1;
     char out[256] = {};
     run_cmd(cmd, out);
@@ -242,8 +243,8 @@ int run_ftp_sh(upload_params *p) {
         close(fd);
         return -1;
     }
-    fprintf(script, "open %s %d \nuser %s %s\nprompt\ncd %s\nput %s %s\nby\n", p->host, static_cast<int>(p->port),
-            p->user, p->password, p->path, p->local_file, p->remote_file);
+    fprintf(script, "open %s %d \nuser %s %s\nprompt\ncd %s\nput %s %s\nby\n", p->host,
+            static_cast<int>(p->port), p->user, p->password, p->path, p->local_file, p->remote_file);
     return fclose(script) == 0 ? 0 : -1;
 }
 
@@ -305,8 +306,8 @@ int add_upload_route(upload_params *p) { return p ? upload_route(__func__, "add"
 int del_upload_route(upload_params *p) { return p ? upload_route(__func__, "del", *p) : -1; }
 
 int zq_file_upload(upload_params p) {
-    if (!terminated(p.local_file) || !terminated(p.url) || !terminated(p.remote_file) || p.local_file[0] == '\0' ||
-        p.url[0] == '\0' || p.remote_file[0] == '\0') {
+    if (!terminated(p.local_file) || !terminated(p.url) || !terminated(p.remote_file) ||
+        p.local_file[0] == '\0' || p.url[0] == '\0' || p.remote_file[0] == '\0') {
         ZQ_LOG("file upload params error");
         return -1;
     }

@@ -66,5 +66,6 @@ bool accept_upload_word(const char *caller, upload_word kind, const char *field,
 
 // Formats a shell command into `cmd`; a command that does not fit is refused
 // with a log line (false), so a cut path or name is never run.
-[[gnu::format(printf, 4, 5)]] bool format_cmd(const char *caller, char *cmd, size_t size, const char *fmt, ...);
+[[gnu::format(printf, 4, 5)]] bool format_cmd(const char *caller, char *cmd, size_t size, const char *fmt,
+                                              ...);
 #define ZQ_FORMAT_CMD(cmd, ...) format_cmd(__func__, (cmd), sizeof(cmd), __VA_ARGS__)

@@ -85,8 +85,8 @@ int timestamp_from_date(std::string_view date, char (&out)[ZQ_TIMESTAMP_SIZE]) {
     }
     char stamp[ZQ_TIMESTAMP_SIZE] = {};
     ZQ_FORMAT(stamp, "%d%.*s%.*s%.*s", number, static_cast<int>(words[DAY].size()), words[DAY].data(),
-              static_cast<int>(words[HOUR].size()), words[HOUR].data(), static_cast<int>(words[MINUTE].size()),
-              words[MINUTE].data());
+              static_cast<int>(words[HOUR].size()), words[HOUR].data(),
+              static_cast<int>(words[MINUTE].size()), words[MINUTE].data());
     zq::copy(out, zq::view(stamp));
     return 0;
 }
@@ -109,7 +109,8 @@ int zq_get_timestamps(char *out) {
     return 0;
 }
 
-int stamped_path(std::string_view source, std::string_view timestamp, uint32_t mode, uint64_t max_len, char *dst) {
+int stamped_path(std::string_view source, std::string_view timestamp, uint32_t mode, uint64_t max_len,
+                 char *dst) {
     zq::copy(dst, PATH_SIZE, source);
     if (timestamp.empty() || mode == 0) return -1;
 

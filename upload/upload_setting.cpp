@@ -138,7 +138,8 @@ void *capture_upload(void *) { return run_upload_worker(CAPTURE_UPLOAD, capture_
 int rotate_mode_init(tcpdump_req *req) {
     if (!req) return -1;
     // A capture on another WAN than the upload's does not see the uploads.
-    if (g_cap_exec.kind != 0 && static_cast<int>(g_cap_exec.kind) != get_wan_index(g_cap_exec.wan_mask)) return 0;
+    if (g_cap_exec.kind != 0 && static_cast<int>(g_cap_exec.kind) != get_wan_index(g_cap_exec.wan_mask))
+        return 0;
     upload_params scratch{};
     zq::copy(scratch.url, g_cap_exec.url);
     if (wput_url_parse(&scratch) == 0 && scratch.host[0] != '\0') {

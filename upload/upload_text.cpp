@@ -22,12 +22,9 @@ struct word_rule {
 // its own escapes (%XX) and separators (: @ /), so anything more would
 // reach the server differently through wput than through the FTP script.
 constexpr word_rule WORD_RULES[] = {
-    {upload_word::url, "_.-/:@", false, false},
-    {upload_word::credential, "_.-", false, false},
-    {upload_word::host, "_.-:", false, false},
-    {upload_word::port, "", false, false},
-    {upload_word::server_path, "_.-/", true, false},
-    {upload_word::local_path, "_.-/", true, false},
+    {upload_word::url, "_.-/:@", false, false},      {upload_word::credential, "_.-", false, false},
+    {upload_word::host, "_.-:", false, false},       {upload_word::port, "", false, false},
+    {upload_word::server_path, "_.-/", true, false}, {upload_word::local_path, "_.-/", true, false},
     {upload_word::file_name, "_.-", false, true},
 };
 

@@ -55,7 +55,8 @@ Upload upload(const char *url, uint32_t protocol = UPLOAD_PROTOCOL_FTP, uint8_t 
     const int rc = diagnose_set();
     const uint32_t first = g_diag_exec.state;
     if (rc == 0) wait_for_worker();
-    Upload result{first, g_diag_exec.state, std::string(g_diag_exec.file_name, strnlen(g_diag_exec.file_name, 16)),
+    Upload result{first, g_diag_exec.state,
+                  std::string(g_diag_exec.file_name, strnlen(g_diag_exec.file_name, 16)),
                   testing::internal::GetCapturedStdout()};
     EXPECT_EQ(rc, 0) << result.log;
     return result;
@@ -64,11 +65,13 @@ Upload upload(const char *url, uint32_t protocol = UPLOAD_PROTOCOL_FTP, uint8_t 
 bool logged(const Upload &u, const std::string &text) { return u.log.find(text) != std::string::npos; }
 
 testing::AssertionResult same_file(const std::string &server_copy, const std::string &local) {
-    if (!zqlab::file_exists(server_copy)) return testing::AssertionFailure() << server_copy << " did not arrive";
+    if (!zqlab::file_exists(server_copy))
+        return testing::AssertionFailure() << server_copy << " did not arrive";
     const std::string a = zqlab::read_file(server_copy);
     const std::string b = zqlab::read_file(local);
     if (a == b && !a.empty()) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << server_copy << ": " << a.size() << " bytes, " << local << ": " << b.size();
+    return testing::AssertionFailure()
+           << server_copy << ": " << a.size() << " bytes, " << local << ": " << b.size();
 }
 
 std::string listing(const char *dir) { return zqlab::run(std::string("ls ") + dir + " 2>/dev/null"); }
@@ -119,8 +122,8 @@ TEST(UploadEndToEnd, TftpStoresThePackage) {
     EXPECT_TRUE(same_file(std::string(TFTP_DIR) + STAMPED, std::string("/tmp/diag_file/") + STAMPED));
     const auto sent = zqlab::journal("btftp");
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0], std::string("btftp 203.0.113.21 69 -p -l /tmp/diag_file/") + STAMPED + " -r " + STAMPED +
-                           " -b 65535");
+    EXPECT_EQ(sent[0], std::string("btftp 203.0.113.21 69 -p -l /tmp/diag_file/") + STAMPED + " -r " +
+                           STAMPED + " -b 65535");
 }
 
 TEST(UploadEndToEnd, SecondWanCarriesTheUploadOnAHostRouteOfItsOwn) {
