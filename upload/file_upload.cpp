@@ -120,9 +120,9 @@ namespace {
 int parse_port(std::string_view text, uint32_t &port) {
     port = 0;
     if (text.empty()) return 0;
-    if (!accept_upload_word("wput_url_parse", upload_word::port, "port", text) || text.size() > 5 ||
-        zq::parse_u64_prefix(text) > MAX_PORT) {
-        ZQ_LOG_AS("wput_url_parse", "refused port: not a port number");
+    if (!accept_upload_word("wput_url_parse", upload_word::port, "port", text)) return -1;
+    if (text.size() > 5 || zq::parse_u64_prefix(text) > MAX_PORT) {
+        ZQ_LOG_AS("wput_url_parse", "refused port: above 65535");
         return -1;
     }
     port = static_cast<uint32_t>(zq::parse_u64_prefix(text));
