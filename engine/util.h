@@ -50,6 +50,14 @@ template <size_t N, size_t M> inline void copy(char (&dst)[N], const char (&src)
 }
 #define ZQ_FORMAT(buf, ...) ::zq::format((buf), sizeof(buf), __VA_ARGS__)
 
+// The characters of s from `start` up to `end`, both clamped to its size
+// (substr without the exception, which the library cannot have).
+inline std::string_view slice(std::string_view s, size_t start, size_t end = std::string_view::npos) {
+    if (end > s.size()) end = s.size();
+    if (start > end) start = end;
+    return {s.data() + start, end - start};
+}
+
 // Null-safe, case-sensitive substring test.
 inline bool contains(std::string_view hay, std::string_view needle) {
     return hay.find(needle) != std::string_view::npos;
