@@ -152,12 +152,7 @@ static int serve(const char *arg, int argc, char **argv) {
     size_t args = zq_args_len(argc, argv);
     memset(argv[0], 0, args);
     snprintf(argv[0], args + 1, "zqlab-cpustat");
-    int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-        dup2(null, 0);
-        dup2(null, 1);
-        dup2(null, 2);
-    }
+    zq_null_stdio();
     for (int other = 3; other < 1024; other++)
         if (other != fd && other != watch) close(other);
     serve_samples(fd, watch, busy, idle);

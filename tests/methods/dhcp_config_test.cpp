@@ -97,11 +97,7 @@ class DhcpConfig : public ::testing::Test {
   protected:
     void SetUp() override { clear_diag_chain(); }
 
-    static zqSD_dhcp_diag record() {
-        const auto all = records<zqSD_dhcp_diag>();
-        EXPECT_EQ(all.size(), 1u);
-        return all.empty() ? zqSD_dhcp_diag{} : all.front();
-    }
+    static zqSD_dhcp_diag record() { return method_test::only_record<zqSD_dhcp_diag>(); }
     static std::string diagnose() { return run_step("dhcp_config", ACTION_DIAG).findings; }
     static void conf(const std::string &server, const std::string &pool, const std::string &router) {
         zqlab::write_file(CONF_PATH, "interface br0\nserver " + server + "\nstart " + pool + ".2\nend " +

@@ -2,6 +2,7 @@
 // back what it left: the result word, the findings and the records.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,14 @@ template <class T> std::vector<T> records() {
         return false;
     });
     return out;
+}
+
+// The one record of a single-record type (an empty one, and a failure, when
+// there is none or more).
+template <class T> T only_record() {
+    const std::vector<T> all = records<T>();
+    EXPECT_EQ(all.size(), 1u);
+    return all.empty() ? T{} : all.front();
 }
 
 inline void store_wan(const char *type, uint8_t disable_lan_dhcp, uint16_t itf_group, const char *name) {

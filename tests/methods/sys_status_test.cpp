@@ -110,11 +110,7 @@ class SysStatus : public ::testing::Test {
   protected:
     void SetUp() override { clear_diag_chain(); }
 
-    static zqSD_sys_diag record() {
-        const auto all = records<zqSD_sys_diag>();
-        EXPECT_EQ(all.size(), 1u);
-        return all.empty() ? zqSD_sys_diag{} : all.front();
-    }
+    static zqSD_sys_diag record() { return method_test::only_record<zqSD_sys_diag>(); }
     static uint64_t pid_of(const char *name) {
         const auto ids = zqlab::pids(name);
         return ids.empty() ? 0 : static_cast<uint64_t>(ids.front());
