@@ -38,8 +38,6 @@ constexpr const char *UDHCPD_PROGRAM = "/bin/udhcpd";
 constexpr const char *DNS_SERVERS_CMD =
     "cat /var/dnsmasq.conf | grep server=[0-9] | sed s/server=// | sed s/@.*//";
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 // A decimal KiB figure of "free"; what does not fit 32 bits saturates.
 uint32_t kib_of(std::string_view token) {
     const uint64_t value = zq::parse_u64_prefix(token);
@@ -50,7 +48,7 @@ uint32_t kib_of(std::string_view token) {
 // 2^32 (a figure beyond 64 bits reads as all ones). False when there is no
 // digit.
 bool scan_counter(std::string_view line, size_t &pos, uint32_t &value) {
-    while (pos < line.size() && is_c_space(line[pos])) ++pos;
+    while (pos < line.size() && zq::is_space(line[pos])) ++pos;
     bool negative = false;
     if (pos < line.size() && (line[pos] == '+' || line[pos] == '-')) negative = line[pos++] == '-';
     const size_t digits = pos;
@@ -103,7 +101,8 @@ void read_software_version(zqSD_sys_diag &block) {
 }
 
 // The forwarder's upstream servers, one per line of the command's output,
-// become a list in which each ends with "/".
+// become a list in which each ends with "/". A list longer than the field
+// keeps its first 255 characters.
 void read_dns_servers(zqSD_sys_diag &block) {
     zq::copy(block.dnsmasq, zq_get_cmd_result(DNS_SERVERS_CMD));
     const size_t length = zq::bounded_len(block.dnsmasq, sizeof(block.dnsmasq));
@@ -211,9 +210,9 @@ void parse_mem_line(std::string_view text, zqSD_sys_diag &block) {
 void parse_cpu_stat_line(std::string_view line, cpu_stat_sample &sample) {
     // "%s %u %u %u %u %u %u %u": the name, then the counters while they read.
     size_t pos = 0;
-    while (pos < line.size() && is_c_space(line[pos])) ++pos;
+    while (pos < line.size() && zq::is_space(line[pos])) ++pos;
     const size_t start = pos;
-    while (pos < line.size() && !is_c_space(line[pos])) ++pos;
+    while (pos < line.size() && !zq::is_space(line[pos])) ++pos;
     if (pos == start) return;
     // A name longer than the field is cut, never written past it.
     zq::copy(sample.name, zq::slice(line, start, pos));

@@ -43,8 +43,6 @@ constexpr conf_keyword CONF_KEYWORDS[] = {
     {"dns", "opt dns", nullptr},
 };
 
-bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 // The value after `words` as sscanf reads "<words> %s": the words must
 // stand at the very start of the line (a blank between them matches any
 // run of blanks, none included); the value is the next run of non-blank
@@ -53,16 +51,16 @@ std::string_view scan_value(std::string_view line, std::string_view words) {
     size_t pos = 0;
     for (char w : words) {
         if (w == ' ') {
-            while (pos < line.size() && is_c_space(line[pos])) ++pos;
+            while (pos < line.size() && zq::is_space(line[pos])) ++pos;
         } else if (pos < line.size() && line[pos] == w) {
             ++pos;
         } else {
             return {};
         }
     }
-    while (pos < line.size() && is_c_space(line[pos])) ++pos;
+    while (pos < line.size() && zq::is_space(line[pos])) ++pos;
     const size_t start = pos;
-    while (pos < line.size() && !is_c_space(line[pos])) ++pos;
+    while (pos < line.size() && !zq::is_space(line[pos])) ++pos;
     return zq::slice(line, start, pos);
 }
 
@@ -165,6 +163,7 @@ uint32_t lan_dhcp_disabled_by_wans() {
 
 } // namespace
 
+// A text without a blank is one word, copied whole.
 void copy_last_word(char *dst, size_t size, const char *text) {
     if (!dst || size == 0) return;
     memset(dst, 0, size);
@@ -173,6 +172,8 @@ void copy_last_word(char *dst, size_t size, const char *text) {
     zq::copy(dst, size, blank == std::string_view::npos ? all : zq::slice(all, blank + 1));
 }
 
+// A value longer than its 16-byte field keeps its first 15 characters: it
+// is cut, never written past the field.
 void parse_udhcpd_conf_line(const char *line, zqSD_dhcp_diag &block) {
     const std::string_view text = zq::view(line);
     for (const conf_keyword &row : CONF_KEYWORDS) {
