@@ -72,12 +72,12 @@ bool transfer_fields_ok(const upload_params &p) {
 int parse_credentials(std::string_view url, size_t at, upload_params &p) {
     size_t slashes = url.find("//");
     if (slashes == std::string_view::npos || slashes + 2 > at) return -1;
-    std::string_view auth = zq::sub(url, slashes + 2, at - slashes - 2);
+    std::string_view auth = zq::slice(url, slashes + 2, at);
     if (auth.empty() || auth.front() == ':') return -1;
     size_t colon = auth.find(':');
     if (colon == std::string_view::npos) return -1;
-    std::string_view user = zq::sub(auth, 0, colon);
-    std::string_view password = zq::sub(auth, colon + 1);
+    std::string_view user = zq::slice(auth, 0, colon);
+    std::string_view password = zq::slice(auth, colon + 1);
     // A name that does not fit its field is refused, not cut: a cut
     // password only fails later, at the server, with a misleading error.
     if (user.size() > MAX_CREDENTIAL || password.size() > MAX_CREDENTIAL) {
@@ -196,20 +196,20 @@ int parse_upload_url(upload_params *p, host_resolver resolve) {
     }
     const size_t host_end = url.find('/', host_start);
     if (host_start >= url.size() || host_end == std::string_view::npos || host_end == host_start) return -1;
-    const std::string_view host_part = zq::sub(url, host_start, host_end - host_start);
+    const std::string_view host_part = zq::slice(url, host_start, host_end);
     if (host_part.size() > MAX_HOST_PART) return -1;
 
     std::string_view host_name = host_part;
     std::string_view port_text;
     if (const size_t colon = host_part.find(':'); colon != std::string_view::npos) {
-        host_name = zq::sub(host_part, 0, colon);
-        port_text = zq::sub(host_part, colon + 1);
+        host_name = zq::slice(host_part, 0, colon);
+        port_text = zq::slice(host_part, colon + 1);
     }
     if (!accept_upload_word("wput_url_parse", upload_word::host, "host", host_name)) return -1;
     uint32_t port = 0;
     if (parse_port(port_text, port) != 0) return -1;
 
-    zq::copy(p->path, zq::sub(url, host_end));
+    zq::copy(p->path, zq::slice(url, host_end));
     if (resolve(host_name, p->host) != 0) return -1;
     if (port != 0) p->port = port;
     return 0;

@@ -32,7 +32,7 @@ std::string_view next_word(std::string_view &text) {
     while (i < text.size() && is_blank(text[i])) ++i;
     size_t j = i;
     while (j < text.size() && j - i < DATE_WORD_MAX && !is_blank(text[j])) ++j;
-    std::string_view word = zq::sub(text, i, j - i);
+    std::string_view word = zq::slice(text, i, j);
     text.remove_prefix(j);
     return word;
 }
@@ -63,7 +63,7 @@ int zq_get_month_num(const char *name) {
 int timestamp_from_date(std::string_view date, char (&out)[ZQ_TIMESTAMP_SIZE]) {
     // A zone name that starts with G (GMT) and everything after it is
     // dropped; the colons of the time separate words like blanks.
-    date = zq::sub(date, 0, date.find('G'));
+    date = zq::slice(date, 0, date.find('G'));
     std::string_view words[DATE_WORDS];
     char scratch[ZQ_TIMESTAMP_SIZE] = {};
     zq::copy(scratch, date);
@@ -116,12 +116,12 @@ int stamped_path(std::string_view source, std::string_view timestamp, uint32_t m
 
     const size_t slash = source.rfind('/');
     const size_t dir_length = slash == std::string_view::npos ? 0 : slash + 1;
-    std::string_view base = zq::sub(zq::sub(source, dir_length), 0, MAX_BASE_NAME);
+    std::string_view base = zq::slice(zq::slice(source, dir_length), 0, MAX_BASE_NAME);
     const size_t length = base.size();
     std::string_view extension;
     if (const size_t dot = base.find('.'); dot != std::string_view::npos) {
-        extension = zq::sub(base, dot, MAX_EXTENSION);
-        base = zq::sub(base, 0, dot);
+        extension = zq::slice(base, dot, dot + MAX_EXTENSION);
+        base = zq::slice(base, 0, dot);
     }
     if (max_len <= length) {
         ZQ_LOG_AS("zq_rename_file_name", "length of filename is too short !!");
@@ -134,7 +134,7 @@ int stamped_path(std::string_view source, std::string_view timestamp, uint32_t m
         return -1;
     }
     const std::string_view prefix =
-        zq::sub(base, 0, static_cast<size_t>(max_len) - timestamp.size() - extension.size() - 1);
+        zq::slice(base, 0, static_cast<size_t>(max_len) - timestamp.size() - extension.size() - 1);
     const std::string_view first = mode == 2 ? prefix : timestamp;
     const std::string_view second = mode == 2 ? timestamp : prefix;
     char renamed[PATH_SIZE] = {};

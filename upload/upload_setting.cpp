@@ -50,7 +50,7 @@ constexpr upload_setting CAPTURE_UPLOAD = {
 
 std::string_view base_name(std::string_view path) {
     const size_t slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : zq::sub(path, slash + 1);
+    return slash == std::string_view::npos ? path : zq::slice(path, slash + 1);
 }
 
 // The control block's file_name, when it is a plain name that fits.
