@@ -23,8 +23,8 @@
  *               them: IPCP never agrees; it gives up with Terminate and PADT
  *   silent      after PADS it says nothing more (the client's LCP retries
  *               outlast a 3-second capture, so no PADT is seen)
- * The concentrator opens LCP and IPCP passively (its request follows the
- * client's), and both sides retransmit on fixed timers, so every run is the
+ * The concentrator opens LCP and IPCP passively (its request follows its
+ * ack of the client's), and both sides retransmit on fixed timers, so every run is the
  * same exchange in the same order: the concentrator every 200 ms, 3 tries; the client's LCP every
  * 400 ms, 10 tries; PADI 3 tries 500 ms apart.
  *
@@ -326,7 +326,7 @@ struct conf {
     request_fn on_request;
     nak_fn on_nak; /* null: a nak changes nothing, the request is repeated as it was */
     const void *ctx;
-    int passive; /* send our request only once the peer has sent its own */
+    int passive; /* send our request only once we have acked the peer's */
 };
 
 static void conf_send(struct session *s, struct conf *c) {
@@ -371,7 +371,7 @@ static int negotiate(struct session *s, struct conf *c, long long phase_ms) {
             c->mine_acked = 1;
         } else if (p.code == CONF_REQ) {
             c->on_request(s, c, &p, c->ctx);
-            if (c->passive) {
+            if (c->passive && c->peer_acked) {
                 c->passive = 0;
                 conf_send(s, c);
             }
