@@ -256,6 +256,24 @@ int zq_diag_capture(const void * /*record*/) {
     return 0;
 }
 
+int interface_index_of(const char *line) {
+    // "IFACE DIRECTION ifindex N ...": the fourth word is the index. Each
+    // word is read into 16 bytes at most; longer words are cut.
+    char words[4][16] = {};
+    std::string_view rest = zq::view(line);
+    for (auto &word : words) {
+        const size_t start = rest.find_first_not_of(" \t\r\n");
+        if (start == std::string_view::npos) break;
+        rest.remove_prefix(start);
+        const size_t end = rest.find_first_of(" \t\r\n");
+        zq::copy(word, rest.substr(0, end));
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
+    }
+    // A negative index is as meaningless as 0.
+    const int index = zq::to_int(words[3]);
+    return index > 0 ? index : 0;
+}
+
 int filter_special(const char *name, const char *ifindex_filter) {
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0 || !name) return -1;
     // The name goes into grep's command line.
@@ -271,20 +289,7 @@ int filter_special(const char *name, const char *ifindex_filter) {
     const bool got = fgets(line, sizeof(line), pipe) != nullptr;
     pclose(pipe);
     if (!got || line[0] == '\0') return -1;
-    // "IFACE DIRECTION ifindex N ...": the fourth word is the index. Each
-    // word is read into 16 bytes at most; longer words are cut.
-    char words[4][16] = {};
-    std::string_view rest = zq::view(line);
-    for (auto &word : words) {
-        const size_t start = rest.find_first_not_of(" \t\r\n");
-        if (start == std::string_view::npos) break;
-        rest.remove_prefix(start);
-        const size_t end = rest.find_first_of(" \t\r\n");
-        zq::copy(word, rest.substr(0, end));
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
-    }
-    // A negative index is as meaningless as 0.
-    const int index = zq::to_int(words[3]);
+    const int index = interface_index_of(line);
     if (index <= 0) return -1;
     char filter[256] = {};
     ZQ_FORMAT(filter, ifindex_filter, index);
