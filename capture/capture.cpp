@@ -30,8 +30,9 @@ constexpr size_t ALLOWANCE_READ = 32;
 struct pack_plan {
     const char *const commands[4];
 };
-constexpr pack_plan PACK_SINGLE = {{"tar -C /tmp/capture_file/ -cf /tmp/capture_file/capture.tar capture.pcap",
-                                    "rm /tmp/capture_file/capture.pcap", nullptr, nullptr}};
+constexpr pack_plan PACK_SINGLE = {
+    {"tar -C /tmp/capture_file/ -cf /tmp/capture_file/capture.tar capture.pcap",
+     "rm /tmp/capture_file/capture.pcap", nullptr, nullptr}};
 constexpr pack_plan PACK_ONE_ROTATED = {
     {"mv /tmp/capture_file/capture.pcap0 /tmp/capture_file/capture0.pcap",
      "tar -C /tmp/capture_file/ -cf /tmp/capture_file/capture.tar capture0.pcap",
@@ -72,10 +73,12 @@ bool build_tcpdump_command(const tcpdump_req &req, char (&cmd)[128]) {
     int n = 0;
     if (req.mode == CAPTURE_MODE_SINGLE)
         n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s %.*s -c %llu -w %s &", static_cast<int>(interface.size()),
-                      interface.data(), static_cast<int>(filter.size()), filter.data(), count, ZQ_CAPTURE_PCAP);
+                      interface.data(), static_cast<int>(filter.size()), filter.data(), count,
+                      ZQ_CAPTURE_PCAP);
     else
         n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s -C %llu -W 2 -w %s %.*s&", static_cast<int>(interface.size()),
-                      interface.data(), count, ZQ_CAPTURE_PCAP, static_cast<int>(filter.size()), filter.data());
+                      interface.data(), count, ZQ_CAPTURE_PCAP, static_cast<int>(filter.size()),
+                      filter.data());
     if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
         ZQ_LOG("tcpdump command is too long");
         return false;

@@ -29,8 +29,10 @@ struct CaptureFile {
     const char *label;
 };
 constexpr CaptureFile CAPTURE_FILES[] = {
-    {"/tmp/capture_file/capture.pcap", "capture.pcap"},   {"/tmp/capture_file/capture.pcap0", "capture.pcap0"},
-    {"/tmp/capture_file/capture.pcap1", "capture.pcap1"}, {"/tmp/capture_file/capture.tar", "capture.tar"},
+    {"/tmp/capture_file/capture.pcap", "capture.pcap"},
+    {"/tmp/capture_file/capture.pcap0", "capture.pcap0"},
+    {"/tmp/capture_file/capture.pcap1", "capture.pcap1"},
+    {"/tmp/capture_file/capture.tar", "capture.tar"},
     {"/tmp/capture_file/capture_parse", "capture_parse"},
 };
 
@@ -102,7 +104,8 @@ int capture_start(const Command &self, const ParsedArgs &args) {
              "already running, the allowance is 0, or the interface is not valid; -v shows why)");
         return is_diag_permit_holding() ? EXIT_UNAVAILABLE : EXIT_FINDING_ERROR;
     }
-    say("capture started on %s\n", kind == 0 ? "all interfaces" : ("the interface of WAN " + std::to_string(kind + 1)).c_str());
+    say("capture started on %s\n",
+        kind == 0 ? "all interfaces" : ("the interface of WAN " + std::to_string(kind + 1)).c_str());
     long shown = -1;
     if (args.has("detach")) {
         say("left running; stop it with 'zqdiag capture stop'\n");
@@ -133,7 +136,9 @@ int capture_stop() {
 int capture_status() {
     const bool running = tcpdump_running();
     const bool permit = is_diag_permit_holding() != 0;
-    const char *state = running ? "capturing" : zq_get_file_size("/tmp/capture_file/capture.tar") > 0 ? "stopped, packed" : "idle";
+    const char *state = running                                                 ? "capturing"
+                        : zq_get_file_size("/tmp/capture_file/capture.tar") > 0 ? "stopped, packed"
+                                                                                : "idle";
     say("state: %s\n", state);
     say("tcpdump: %s\n", running ? "running" : "not running");
     say("permit: %s\n", permit ? "taken" : "free");

@@ -16,7 +16,9 @@
 
 namespace {
 
-bool has_any(std::string_view text, std::string_view chars) { return text.find_first_of(chars) != std::string_view::npos; }
+bool has_any(std::string_view text, std::string_view chars) {
+    return text.find_first_of(chars) != std::string_view::npos;
+}
 
 void check_filter(std::string_view text) {
     if (!is_capture_filter(text)) return;

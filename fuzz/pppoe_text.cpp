@@ -18,7 +18,9 @@
 
 namespace {
 
-template <size_t N> void check_terminated(const char (&field)[N]) { FUZZ_CHECK(memchr(field, '\0', N) != nullptr); }
+template <size_t N> void check_terminated(const char (&field)[N]) {
+    FUZZ_CHECK(memchr(field, '\0', N) != nullptr);
+}
 
 // The text in a heap block of PPPOE_TEXT_SIZE bytes, cut to fit.
 std::unique_ptr<char[]> block_of(const std::string &text) {

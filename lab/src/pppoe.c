@@ -34,11 +34,11 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <stdarg.h>
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <poll.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -48,7 +48,13 @@
 #define ETH_P_SESS 0x8864
 
 enum { PADI = 0x09, PADO = 0x07, PADR = 0x19, PADS = 0x65, PADT = 0xa7 };
-enum { TAG_END = 0x0000, TAG_SERVICE = 0x0101, TAG_AC_NAME = 0x0102, TAG_HOST_UNIQ = 0x0103, TAG_COOKIE = 0x0104 };
+enum {
+    TAG_END = 0x0000,
+    TAG_SERVICE = 0x0101,
+    TAG_AC_NAME = 0x0102,
+    TAG_HOST_UNIQ = 0x0103,
+    TAG_COOKIE = 0x0104
+};
 enum { P_LCP = 0xc021, P_PAP = 0xc023, P_CHAP = 0xc223, P_IPCP = 0x8021 };
 enum { CONF_REQ = 1, CONF_ACK = 2, CONF_NAK = 3, CONF_REJ = 4, TERM_REQ = 5, TERM_ACK = 6 };
 enum { CHAP_CHALLENGE = 1, CHAP_RESPONSE = 2, CHAP_SUCCESS = 3, CHAP_FAILURE = 4 };
@@ -182,8 +188,8 @@ static void send_frame(struct link *l, const uint8_t dst[6], uint16_t type, uint
         memset(b + n, 0, 60 - n);
         n = 60;
     }
-    struct sockaddr_ll sa = {.sll_family = AF_PACKET, .sll_protocol = htons(type), .sll_ifindex = l->ifindex,
-                             .sll_halen = 6};
+    struct sockaddr_ll sa = {
+        .sll_family = AF_PACKET, .sll_protocol = htons(type), .sll_ifindex = l->ifindex, .sll_halen = 6};
     memcpy(sa.sll_addr, dst, 6);
     if (sendto(type == ETH_P_DISC ? l->disc : l->sess, b, n, 0, (struct sockaddr *)&sa, sizeof sa) < 0)
         note("send: %s", strerror(errno));
@@ -516,7 +522,11 @@ static int client_pap(struct session *s, const struct client_cfg *cfg) {
     for (int tries = 0; tries < 3; tries++) {
         send_ppp(s, P_PAP, PAP_REQ, ++s->next_id, req, 2 + ul + pl);
         int r = await(s, now_ms() + 400, P_PAP, PAP_ACK, PAP_NAK, &p);
-        if (r != 0) return r == 1 && p.code == PAP_ACK ? NEG_DONE : r == 1 ? NEG_FAILED : r == 2 ? NEG_ENDED : NEG_STOP;
+        if (r != 0)
+            return r == 1 && p.code == PAP_ACK ? NEG_DONE
+                   : r == 1                    ? NEG_FAILED
+                   : r == 2                    ? NEG_ENDED
+                                               : NEG_STOP;
     }
     return NEG_FAILED;
 }
@@ -553,13 +563,15 @@ static int client_chap(struct session *s, const struct client_cfg *cfg) {
  * A failed step ends the session from here unless the concentrator ends it
  * first. */
 static int client_ppp(struct session *s, const struct client_cfg *cfg) {
-    struct conf lcp = {.proto = P_LCP, .tries_left = 10, .interval_ms = 400,
-                       .on_request = client_lcp_request, .ctx = cfg};
+    struct conf lcp = {
+        .proto = P_LCP, .tries_left = 10, .interval_ms = 400, .on_request = client_lcp_request, .ctx = cfg};
     lcp.req_len = opt_u16(lcp.req, 0, LCP_MRU, MRU);
     int r = negotiate(s, &lcp, 10 * 400);
     if (r == NEG_DONE) {
-        if (s->auth == AUTH_PAP) r = client_pap(s, cfg);
-        else if (s->auth == AUTH_CHAP) r = client_chap(s, cfg);
+        if (s->auth == AUTH_PAP)
+            r = client_pap(s, cfg);
+        else if (s->auth == AUTH_CHAP)
+            r = client_chap(s, cfg);
         if (r == NEG_FAILED) {
             /* refused: the concentrator ends the session */
             struct ppp p;
@@ -568,8 +580,11 @@ static int client_ppp(struct session *s, const struct client_cfg *cfg) {
     }
     if (r == NEG_DONE) {
         static const uint8_t zero[4];
-        struct conf ipcp = {.proto = P_IPCP, .tries_left = 10, .interval_ms = 400,
-                            .on_request = client_ipcp_request, .on_nak = client_ipcp_nak};
+        struct conf ipcp = {.proto = P_IPCP,
+                            .tries_left = 10,
+                            .interval_ms = 400,
+                            .on_request = client_ipcp_request,
+                            .on_nak = client_ipcp_nak};
         ipcp_fill(&ipcp, zero, zero, zero);
         r = negotiate(s, &ipcp, 10 * 400);
         if (r == NEG_DONE) {
@@ -737,14 +752,18 @@ static void server_ppp(struct session *s, const struct server_cfg *cfg) {
         }
         return;
     }
-    struct conf lcp = {.proto = P_LCP, .tries_left = 3, .interval_ms = 200, .on_request = server_lcp_request,
-                       .passive = 1};
+    struct conf lcp = {
+        .proto = P_LCP, .tries_left = 3, .interval_ms = 200, .on_request = server_lcp_request, .passive = 1};
     lcp.req_len = opt_auth(lcp.req, opt_u16(lcp.req, 0, LCP_MRU, MRU), cfg->auth);
     int r = negotiate(s, &lcp, 1000);
     if (r == NEG_DONE) r = server_auth(s, cfg);
     if (r == NEG_DONE) {
-        struct conf ipcp = {.proto = P_IPCP, .tries_left = 3, .interval_ms = 200,
-                            .on_request = server_ipcp_request, .ctx = cfg, .passive = 1};
+        struct conf ipcp = {.proto = P_IPCP,
+                            .tries_left = 3,
+                            .interval_ms = 200,
+                            .on_request = server_ipcp_request,
+                            .ctx = cfg,
+                            .passive = 1};
         size_t at = opt_add(ipcp.req, 0, IPCP_ADDR, cfg->local, 4);
         if (cfg->outcome == OUT_IPCP_DNS) {
             at = opt_add(ipcp.req, at, IPCP_DNS1, cfg->dns1, 4);
@@ -818,9 +837,10 @@ static int parse_outcome(const char *v) {
 }
 
 static int usage(void) {
-    fprintf(stderr, "usage: pppoe client IFACE [-s SERVICE]... [-a any|chap|pap] [-u USER] [-p PASS]\n"
-                    "       pppoe server IFACE [-s SERVICE]... [-A chap|pap] [-o ok|auth-fail|ipcp-dns|silent]\n"
-                    "                          [-n AC_NAME] [-l LOCAL_IP] [-c CLIENT_IP] [-d DNS1] [-D DNS2]\n");
+    fprintf(stderr,
+            "usage: pppoe client IFACE [-s SERVICE]... [-a any|chap|pap] [-u USER] [-p PASS]\n"
+            "       pppoe server IFACE [-s SERVICE]... [-A chap|pap] [-o ok|auth-fail|ipcp-dns|silent]\n"
+            "                          [-n AC_NAME] [-l LOCAL_IP] [-c CLIENT_IP] [-d DNS1] [-D DNS2]\n");
     return 2;
 }
 
@@ -830,9 +850,13 @@ int main(int argc, char **argv) {
     if (!server && strcmp(argv[1], "client")) return usage();
     const char *ifname = argv[2];
     struct client_cfg cc = {.auth = AUTH_ANY, .user = "zqlab", .pass = "zqlab"};
-    struct server_cfg sc = {.auth = AUTH_CHAP, .outcome = OUT_OK, .ac_name = "zqlab-ac",
-                            .local = {203, 0, 113, 1}, .client = {203, 0, 113, 10},
-                            .dns1 = {203, 0, 113, 53}, .dns2 = {203, 0, 113, 54}};
+    struct server_cfg sc = {.auth = AUTH_CHAP,
+                            .outcome = OUT_OK,
+                            .ac_name = "zqlab-ac",
+                            .local = {203, 0, 113, 1},
+                            .client = {203, 0, 113, 10},
+                            .dns1 = {203, 0, 113, 53},
+                            .dns2 = {203, 0, 113, 54}};
     for (int i = 3; i < argc; i++) {
         const char *o = argv[i];
         if (o[0] != '-' || !o[1] || o[2] || i + 1 >= argc) return usage();
@@ -843,17 +867,38 @@ int main(int argc, char **argv) {
             if (server && sc.nservices < MAX_SERVICES) sc.services[sc.nservices++] = v;
             if (!server && cc.nservices < MAX_SERVICES) cc.services[cc.nservices++] = v;
             break;
-        case 'a': ok = (cc.auth = parse_auth(v)) >= 0; break;
-        case 'A': ok = (sc.auth = parse_auth(v)) > 0; break;
-        case 'u': cc.user = v; break;
-        case 'p': cc.pass = v; break;
-        case 'o': ok = (sc.outcome = parse_outcome(v)) >= 0; break;
-        case 'n': sc.ac_name = v; break;
-        case 'l': ok = inet_pton(AF_INET, v, sc.local) == 1; break;
-        case 'c': ok = inet_pton(AF_INET, v, sc.client) == 1; break;
-        case 'd': ok = inet_pton(AF_INET, v, sc.dns1) == 1; break;
-        case 'D': ok = inet_pton(AF_INET, v, sc.dns2) == 1; break;
-        default: ok = 0;
+        case 'a':
+            ok = (cc.auth = parse_auth(v)) >= 0;
+            break;
+        case 'A':
+            ok = (sc.auth = parse_auth(v)) > 0;
+            break;
+        case 'u':
+            cc.user = v;
+            break;
+        case 'p':
+            cc.pass = v;
+            break;
+        case 'o':
+            ok = (sc.outcome = parse_outcome(v)) >= 0;
+            break;
+        case 'n':
+            sc.ac_name = v;
+            break;
+        case 'l':
+            ok = inet_pton(AF_INET, v, sc.local) == 1;
+            break;
+        case 'c':
+            ok = inet_pton(AF_INET, v, sc.client) == 1;
+            break;
+        case 'd':
+            ok = inet_pton(AF_INET, v, sc.dns1) == 1;
+            break;
+        case 'D':
+            ok = inet_pton(AF_INET, v, sc.dns2) == 1;
+            break;
+        default:
+            ok = 0;
         }
         if (!ok) return usage();
     }

@@ -38,9 +38,10 @@ constexpr dhcp_rule DHCP_RULES[] = {
     {DHCP_DISCOVER | DHCP_OFFER, DHCP_DISCOVER | DHCP_OFFER, DIAG_MSG_NORMAL, "\tDhcp server responded",
      DHCP_STATE_NORMAL},
     {DHCP_DISCOVER, DHCP_DISCOVER, DIAG_MSG_WARN, "\tNo dhcp server responded", DHCP_STATE_NO_OFFER},
-    {DHCP_DISCOVER | DHCP_REQUEST, DHCP_REQUEST, DIAG_MSG_WARN, "\tNo \"Discover\" and \"Offer\" but have \"Request\" packets",
+    {DHCP_DISCOVER | DHCP_REQUEST, DHCP_REQUEST, DIAG_MSG_WARN,
+     "\tNo \"Discover\" and \"Offer\" but have \"Request\" packets", DHCP_STATE_NO_PACKETS},
+    {DHCP_DISCOVER | DHCP_REQUEST, 0, DIAG_MSG_WARN, "\tRelated dhcp packets not found",
      DHCP_STATE_NO_PACKETS},
-    {DHCP_DISCOVER | DHCP_REQUEST, 0, DIAG_MSG_WARN, "\tRelated dhcp packets not found", DHCP_STATE_NO_PACKETS},
 };
 
 const dhcp_rule &rule_for(uint32_t flags) {

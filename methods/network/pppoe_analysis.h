@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 
-constexpr uint32_t PPPOE_TEXT_SIZE = 4096;  // the whole decoded text, one session block
-constexpr size_t PPPOE_SERVICE_NAME = 35;   // a service name and its terminator
-constexpr size_t PPPOE_SERVER_SLOTS = 20;   // requested services analysed per capture
+constexpr uint32_t PPPOE_TEXT_SIZE = 4096; // the whole decoded text, one session block
+constexpr size_t PPPOE_SERVICE_NAME = 35;  // a service name and its terminator
+constexpr size_t PPPOE_SERVER_SLOTS = 20;  // requested services analysed per capture
 
 using service_name = char[PPPOE_SERVICE_NAME];
 using server_list = service_name[PPPOE_SERVER_SLOTS];

@@ -16,11 +16,11 @@ namespace {
 
 enum : uint32_t { PPPOE_ANALYSED = 0, PPPOE_NO_EXCHANGE = 4, PPPOE_NO_SERVER = 5, PPPOE_CAME_UP = 6 };
 
-constexpr size_t LINE_READ = 200;       // 199 characters per line read
-constexpr size_t LINE_KEPT = 128;       // characters of a line kept in a block
-constexpr size_t PIECE_READ = 128;      // 127 characters per piece of the whole text
-constexpr size_t BEFORE_REQUEST = 25;   // where the packet's direction is looked for
-constexpr size_t BEFORE_NEXT_LINE = 6;  // the cut before the next packet's direction
+constexpr size_t LINE_READ = 200;      // 199 characters per line read
+constexpr size_t LINE_KEPT = 128;      // characters of a line kept in a block
+constexpr size_t PIECE_READ = 128;     // 127 characters per piece of the whole text
+constexpr size_t BEFORE_REQUEST = 25;  // where the packet's direction is looked for
+constexpr size_t BEFORE_NEXT_LINE = 6; // the cut before the next packet's direction
 constexpr int MAX_OCCURRENCES = 50;
 constexpr size_t SERVICE_CMD_SIZE = 128;
 constexpr size_t SERVICE_OUT_SIZE = 256;
@@ -65,7 +65,9 @@ const char *value_of(const char *text, const char *name) {
     return colon ? colon + 1 : nullptr;
 }
 
-template <size_t N> void finding(uint32_t level, const char (&text)[N]) { zq_diag_msg_printf(level, "%s", text); }
+template <size_t N> void finding(uint32_t level, const char (&text)[N]) {
+    zq_diag_msg_printf(level, "%s", text);
+}
 
 // ---- One session block ------------------------------------------------------
 
@@ -170,8 +172,8 @@ void write_result(const zq_diag_args &args, uint32_t result) {
 void diagnose_connection(zqSD_wan_diag &wan, const zq_diag_args &args) {
     const std::string_view name = zq::view(wan.wan_name);
     const bool up = wan.v4_conn_state <= CONNECTED_MAX;
-    zq_diag_msg_printf(up ? DIAG_MSG_NORMAL : DIAG_MSG_ERROR, "%.*s[ipv4] PPPoE:", static_cast<int>(name.size()),
-                       name.data());
+    zq_diag_msg_printf(up ? DIAG_MSG_NORMAL : DIAG_MSG_ERROR,
+                       "%.*s[ipv4] PPPoE:", static_cast<int>(name.size()), name.data());
     if (up || zq_diag_capture(&wan) != 0) return;
     get_tcpdump_parse(PPPOE_DECODE_FILTER);
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0) {
@@ -265,9 +267,13 @@ int service_name_after(const char *text, const char *code, service_name &out) {
 }
 } // namespace
 
-int get_padr_service_name(const char *text, service_name &out) { return service_name_after(text, "PADR", out); }
+int get_padr_service_name(const char *text, service_name &out) {
+    return service_name_after(text, "PADR", out);
+}
 
-int get_padi_service_name(const char *text, service_name &out) { return service_name_after(text, "PADI", out); }
+int get_padi_service_name(const char *text, service_name &out) {
+    return service_name_after(text, "PADI", out);
+}
 
 int server_list_add(server_list &list, const char *name) {
     if (!name) return 0;
@@ -315,7 +321,8 @@ char *last_conf_request(char *text, const char *kind) {
     char *next_out = strstr(start + 1, "Out");
     if (next_in && next_out) {
         char *nearer = next_in < next_out ? next_in : next_out;
-        char *cut = static_cast<size_t>(nearer - start) >= BEFORE_NEXT_LINE ? nearer - BEFORE_NEXT_LINE : start;
+        char *cut =
+            static_cast<size_t>(nearer - start) >= BEFORE_NEXT_LINE ? nearer - BEFORE_NEXT_LINE : start;
         *cut = '\0';
     }
     return start;
@@ -336,7 +343,7 @@ int parse_lcp_options(char *block, lcp_options &out) {
 int parse_ipcp_options(char *block, ipcp_options &out) {
     const char *request = last_conf_request(block, IPCP_CONF_REQUEST);
     if (!request || !has(request, "In")) return 0;
-    char (*const fields[])[20] = {&out.addr, &out.pri_dns, &out.sec_dns};
+    char(*const fields[])[20] = {&out.addr, &out.pri_dns, &out.sec_dns};
     for (size_t i = 0; i < sizeof(fields) / sizeof(fields[0]); ++i) {
         const char *value = value_of(request, IPCP_OPTION_NAMES[i]);
         if (!value) return 0;

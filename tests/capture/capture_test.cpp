@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <unistd.h>
 #include <string>
+#include <unistd.h>
 
 #include "capture/capture.h"
 #include "engine/engine.h"
@@ -124,19 +124,18 @@ TEST_F(Capture, FilterRules) {
     for (const char *ok : {"", "icmp", "udp and port 67 and port 68", "'! host 192.0.2.5'", "not arp",
                            "'ether[10:1]==0x00 or (ip[8] < 64)'", "host 198.51.100.1 and tcp port 21"})
         EXPECT_TRUE(is_capture_filter(ok)) << ok;
-    for (const char *bad :
-         {"icmp; touch x", "icmp | x", "icmp && x", "$(x)", "`x`", "icmp > /tmp/x", "icmp < /tmp/x", "a\nb",
-          "-w /tmp/x", "icmp '-z' x", "icmp -r /tmp/x", "'unbalanced", "ether[0]==1", "(icmp)", "\"icmp\"",
-          "a\\;b", "host *"})
+    for (const char *bad : {"icmp; touch x", "icmp | x", "icmp && x", "$(x)", "`x`", "icmp > /tmp/x",
+                            "icmp < /tmp/x", "a\nb", "-w /tmp/x", "icmp '-z' x", "icmp -r /tmp/x",
+                            "'unbalanced", "ether[0]==1", "(icmp)", "\"icmp\"", "a\\;b", "host *"})
         EXPECT_FALSE(is_capture_filter(bad)) << bad;
     for (const char *ok : {"lo", "nas0_0", "eth0.100", "any"}) EXPECT_TRUE(is_interface_name(ok)) << ok;
     for (const char *bad : {"", "-w", "lo;x", "a b", "lo$x", "sixteen_chars_xx", "lo/x"})
         EXPECT_FALSE(is_interface_name(bad)) << bad;
     EXPECT_TRUE(is_decode_filter(DHCP_DECODE_FILTER));
-    EXPECT_TRUE(is_decode_filter(
-        "-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 12 ) and (pppoed or pppoes)\" "));
-    EXPECT_FALSE(is_decode_filter(
-        "-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 1;x ) and (pppoed or pppoes)\" "));
+    EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 12 ) "
+                                 "and (pppoed or pppoes)\" "));
+    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 1;x ) "
+                                  "and (pppoed or pppoes)\" "));
     EXPECT_FALSE(is_decode_filter("-tve 'icmp' -w /tmp/x"));
 }
 
@@ -144,8 +143,8 @@ TEST_F(Capture, FilterRules) {
 // none runs, nothing starts.
 TEST_F(Capture, OutsideTextNeverReachesTheShell) {
     const std::string touch = std::string("touch ") + CANARY;
-    const std::string payloads[] = {";" + touch, "$(" + touch + ")", "`" + touch + "`", "|" + touch,
-                                    "&" + touch, "\n" + touch, "-z /bin/sh -w /tmp/canary"};
+    const std::string payloads[] = {";" + touch, "$(" + touch + ")", "`" + touch + "`",          "|" + touch,
+                                    "&" + touch, "\n" + touch,       "-z /bin/sh -w /tmp/canary"};
     for (const std::string &p : payloads) {
         EXPECT_EQ(zq_get_tcpdump_file(request(0, 10, ("lo" + p).c_str())), -1) << p;
         EXPECT_EQ(zq_get_tcpdump_file(request(0, 10, "lo", ("icmp " + p).c_str())), -1) << p;

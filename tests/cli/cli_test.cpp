@@ -419,7 +419,8 @@ TEST(CliCapture, StartFollowsUntilInterruptedAndStopWorksAcrossProcesses) {
     ASSERT_GT(pid, 0);
     for (int i = 0; i < 3000 && zqlab::pids("tcpdump").empty(); ++i) usleep(1000);
     zqlab::run("ping -c 1 127.0.0.1; sleep 1.2");
-    EXPECT_TRUE(contains(cli({"capture", "status"}).out, "state: capturing\ntcpdump: running\npermit: taken\n"));
+    EXPECT_TRUE(
+        contains(cli({"capture", "status"}).out, "state: capturing\ntcpdump: running\npermit: taken\n"));
     kill(pid, SIGINT);
     CliResult r = collect(pid);
     EXPECT_EQ(r.status, 0) << r.err;

@@ -50,7 +50,8 @@ TEST_P(DhcpExchange, DiagnosisOfARealExchange) {
 
 TEST_P(DhcpExchange, FlagsOfTheFixture) {
     const DhcpCase &c = GetParam();
-    zqlab::write_file("/tmp/capture_file/capture_parse", wanlab::fixture(std::string("dhcp-") + c.name + ".txt"));
+    zqlab::write_file("/tmp/capture_file/capture_parse",
+                      wanlab::fixture(std::string("dhcp-") + c.name + ".txt"));
     // Every client packet is a BOOTP "Request", so that flag is always set.
     EXPECT_EQ(dhcp_packet_flags(), c.state == 0 ? 7u : 5u);
 }

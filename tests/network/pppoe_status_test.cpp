@@ -78,7 +78,8 @@ TEST_P(PppoeExchange, DiagnosisOfARealExchange) {
 // The analysis of each fixture alone, without a capture.
 TEST_P(PppoeExchange, AnalysisOfTheFixture) {
     const PppoeCase &c = GetParam();
-    zqlab::write_file("/tmp/capture_file/capture_parse", wanlab::fixture(std::string("pppoe-") + c.name + ".txt"));
+    zqlab::write_file("/tmp/capture_file/capture_parse",
+                      wanlab::fixture(std::string("pppoe-") + c.name + ".txt"));
     EXPECT_EQ(zq_check_pppoe_error(), c.verdict);
     EXPECT_EQ(std::string(zq_diag_msg), c.findings);
 }
@@ -120,7 +121,8 @@ TEST_F(PppoeStatus, NoPacketsAtAll) {
     uint32_t result = 77;
     EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
     EXPECT_EQ(std::string(zq_diag_msg),
-              std::string(HEADING) + "[error  ]\tCan not find any pppoed pppoes packets within specified time\n");
+              std::string(HEADING) +
+                  "[error  ]\tCan not find any pppoed pppoes packets within specified time\n");
     EXPECT_EQ(result, 0u);
 }
 
@@ -148,7 +150,8 @@ TEST_F(PppoeStatus, SessionsAreReportedOncePerService) {
     EXPECT_EQ(std::string(zq_diag_msg), "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n");
     // A CHAP failure inside a session that reached IPCP: the IPCP rule only.
     std::string both = ipcp;
-    both.insert(both.find("nas0_1 In  PPPoE  [ses 0x1] IPCP"), "nas0_1 In  PPPoE  [ses 0x1] CHAP, Fail (0x04), id 2\n");
+    both.insert(both.find("nas0_1 In  PPPoE  [ses 0x1] IPCP"),
+                "nas0_1 In  PPPoE  [ses 0x1] CHAP, Fail (0x04), id 2\n");
     EXPECT_EQ(analyse(both), 0u);
     EXPECT_EQ(std::string(zq_diag_msg).find("Auth fail"), std::string::npos) << zq_diag_msg;
     EXPECT_NE(std::string(zq_diag_msg).find("IPCP  fail"), std::string::npos);
@@ -198,14 +201,16 @@ TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {
     EXPECT_STREQ(values.pri_dns, "203.0.113.53");
 
     service_name name{};
-    EXPECT_EQ(parse_service_name("PADR [Service-Name \"0123456789012345678901234567890123456789\"]", name), 1);
+    EXPECT_EQ(parse_service_name("PADR [Service-Name \"0123456789012345678901234567890123456789\"]", name),
+              1);
     EXPECT_EQ(std::string(name), "0123456789012345678901234567890123");
     EXPECT_EQ(parse_service_name("PADR [Service-Name \"\"]", name), 0);
 
     server_list list{};
     EXPECT_EQ(server_list_add(list, "isp12"), 1);
     EXPECT_EQ(server_list_add(list, "isp1"), 0) << "contained in a listed name";
-    for (int i = 0; i < 19; ++i) EXPECT_EQ(server_list_add(list, ("name" + std::to_string(i) + "x").c_str()), 1);
+    for (int i = 0; i < 19; ++i)
+        EXPECT_EQ(server_list_add(list, ("name" + std::to_string(i) + "x").c_str()), 1);
     EXPECT_EQ(server_list_add(list, "extra"), 1) << "full: new, not kept";
     EXPECT_EQ(server_list_add(list, "extra"), 1);
 }
