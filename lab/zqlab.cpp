@@ -192,6 +192,16 @@ std::string run(const std::string &cmd) {
 
 int run_status(const std::string &cmd) { return status_of(std::system(cmd.c_str())); }
 
+std::string isp_run(const std::string &cmd) {
+    require_inside("isp_run");
+    return run("ZQLAB_NOJOURNAL=1 zqlab isp sh -c " + quote(cmd));
+}
+
+int isp_run_status(const std::string &cmd) {
+    require_inside("isp_run_status");
+    return run_status("ZQLAB_NOJOURNAL=1 zqlab isp sh -c " + quote(cmd));
+}
+
 void start(const std::string &daemon) { zqlab_cmd("start", "start " + quote(daemon)); }
 
 void stop(const std::string &daemon) { zqlab_cmd("stop", "stop " + quote(daemon)); }

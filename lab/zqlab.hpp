@@ -51,6 +51,14 @@ std::string run(const std::string &cmd);
 // Exit status of a shell command (-1 when it did not exit normally).
 int run_status(const std::string &cmd);
 
+// The ISP side of the lab (lab/README.md, "The ISP side"): standard output
+// and exit status of a shell command run in the ISP's network namespace,
+// where the WAN gateways, the root servers and the ISP's name server live
+// and where ISP-side programs keep their files (/run/zqlab/isp). Not
+// journaled.
+std::string isp_run(const std::string &cmd);
+int isp_run_status(const std::string &cmd);
+
 // Starts one more instance of a daemon / stops every instance ("diagM" is
 // the diagnosis manager). Neither changes the "daemons" key.
 void start(const std::string &daemon);

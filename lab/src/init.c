@@ -304,6 +304,8 @@ int main(int argc, char **argv) {
     if (pending_sig) return 128 + pending_sig; /* stopped before it began */
 
     block_forwarded(SIG_BLOCK);
+    /* The command may look at PID 1 before the re-execution below is done. */
+    prctl(PR_SET_NAME, "init");
     pid_t pid = spawn(argv + 5);
     if (pid < 0) {
         perror("lab: fork");

@@ -47,16 +47,10 @@ std::string manager_pid_text() { return zqlab::read_file("/var/run/diagM.pid"); 
 
 } // namespace
 
-TEST(Lab, RunsInAFreshLabWithOnlyLoopback) {
+TEST(Lab, RunsInAFreshLab) {
     ASSERT_TRUE(zqlab::inside());
     EXPECT_TRUE(zqlab::journal().empty()) << "the lab's own start-up is not journaled";
     EXPECT_EQ(zqlab::read_file("/proc/1/comm"), "init\n");
-
-    std::vector<std::string> ifaces;
-    std::istringstream dev(zqlab::read_file("/proc/net/dev"));
-    for (std::string l; std::getline(dev, l);)
-        if (l.find(':') != std::string::npos) ifaces.push_back(words(l.substr(0, l.find(':')))[0]);
-    EXPECT_EQ(ifaces, std::vector<std::string>{"lo"});
     EXPECT_NE(zqlab::run("ip link show lo").find("UP"), std::string::npos);
 
     // /bin/sh stays dash so that the firmware shims on PATH win over

@@ -105,6 +105,32 @@ TEST(LabRun, LabsAreIsolatedFromEachOther) {
     EXPECT_FALSE(exists("/dev/shm/" + t));
 }
 
+// A running lab (with its ISP namespace and WAN links) adds no interface
+// and no named network namespace to the host, and leaves none behind.
+TEST(LabRun, NeverTouchesTheHostsNetwork) {
+    const std::string host_net = "ip -o link | cut -d: -f2 | cut -d@ -f1; ip netns list; ls /run/netns 2>&1";
+    const std::string before = sh(host_net).out;
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    const std::string release = std::string(cwd) + "/" + token() + ".net-release";
+    FILE *lab =
+        popen((kRun + " --scenario bridge-wan -- sh -c 'ip -o link | grep -c nas0_; i=0; while [ ! -e " +
+               release + " ] && [ $i -lt 3000 ]; do usleep 10000; i=$((i+1)); done'")
+                  .c_str(),
+              "r");
+    ASSERT_NE(lab, nullptr);
+    char line[64] = "";
+    ASSERT_NE(fgets(line, sizeof line, lab), nullptr);
+    EXPECT_STREQ(line, "2\n") << "the lab's WAN links are up";
+    EXPECT_EQ(sh(host_net).out, before);
+    FILE *rel = fopen(release.c_str(), "w");
+    ASSERT_NE(rel, nullptr);
+    fclose(rel);
+    pclose(lab);
+    unlink(release.c_str());
+    EXPECT_EQ(sh(host_net).out, before);
+}
+
 namespace {
 
 // Processes of a lab that was killed from outside die shortly after it.
@@ -144,6 +170,11 @@ TEST(LabRun, SignalsEndTheCommandAndTheLab) {
         else
             usleep(static_cast<useconds_t>(c.delay_us));
         ASSERT_EQ(kill(std::atoi(pid), c.sig), 0);
+        // Read to the end: a command that starts just as the signal comes
+        // must not die of a write into a closed pipe instead.
+        char rest[64];
+        while (fgets(rest, sizeof rest, p)) {
+        }
         const int st = pclose(p);
         EXPECT_EQ(WIFEXITED(st)     ? WEXITSTATUS(st)
                   : WIFSIGNALED(st) ? 128 + WTERMSIG(st)
