@@ -14,36 +14,37 @@ constexpr const char *WAN_NAME = "2_INTERNET_R_VID_200";
 constexpr const char *HEADING = "[error  ]2_INTERNET_R_VID_200[ipv4] PPPoE:\n";
 
 struct PppoeCase {
-    const char *name;
-    const char *isp;      // the stand-in ISP on nas0_1
-    const char *services; // wan.1.pppoe.service
-    const char *auth;     // wan.1.pppoe.auth
+    const char *name; // the lab scenario is pppoe-NAME (with '-' for '_')
     uint32_t verdict;
     const char *findings; // after the heading
 };
 
 const PppoeCase CASES[] = {
-    {"no_concentrator", "none", "isp1", "", 5,
+    {"no_concentrator", 5,
      "[warn   ]\tNo servers respond!\n[warn   ]\tIt has a specified service-name: isp1\n"},
-    {"service_ignored", "pppoe -s isp2", "isp1", "", 5,
+    {"service_ignored", 5,
      "[warn   ]\tNo servers respond!\n[warn   ]\tIt has a specified service-name: isp1\n"},
-    {"no_padt", "pppoe -o silent", "isp1", "", 4, "[warn   ]\tInteraction process not found!\n"},
-    {"lcp_not_agreed", "pppoe", "isp1", "pap", 0,
+    {"no_padt", 4, "[warn   ]\tInteraction process not found!\n"},
+    {"lcp_not_agreed", 0,
      "[normal ]Requested server1 (isp1): \n[error  ]\tLCP  fail!\n"
      "[warn   ]\t\tRejected some configuration of server!\n[warn   ]\t\tMTU:1492, Auth: CHAP, MD5\n"},
-    {"chap_failure", "pppoe -o auth-fail", "isp1", "", 0,
-     "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
-    {"pap_nak", "pppoe -A pap -o auth-fail", "isp1", "", 0,
-     "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
-    {"ipcp_not_agreed", "pppoe -o ipcp-dns", "isp1", "", 0,
+    {"chap_failure", 0, "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
+    {"pap_nak", 0, "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
+    {"ipcp_not_agreed", 0,
      "[normal ]Requested server1 (isp1): \n[error  ]\tIPCP  fail\n"
      "[warn   ]\t\tRejected some Ipcp configuration of server!\n"
      "[normal ]\t\tIp_addr:203.0.113.1 Pri_dns:203.0.113.53 Sec_dns:203.0.113.54\n"},
-    {"success", "pppoe", "isp1", "", 6, "[normal ]\tIt may be normal this time!\n"},
-    {"two_services", "pppoe -o auth-fail", "isp1 isp2", "", 0,
+    {"success", 6, "[normal ]\tIt may be normal this time!\n"},
+    {"two_services", 0,
      "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"
      "[normal ]Requested server2 (isp2): \n[error  ]\tAuth fail!\n"},
 };
+
+std::string scenario_of(const char *prefix, std::string name) {
+    for (char &c : name)
+        if (c == '_') c = '-';
+    return prefix + name;
+}
 
 class PppoeExchange : public ::testing::TestWithParam<PppoeCase> {
   protected:
@@ -54,14 +55,11 @@ class PppoeExchange : public ::testing::TestWithParam<PppoeCase> {
 };
 
 // A real exchange: diagM restart_wan starts the lab's PPPoE client on
-// nas0_1 while the method captures; the access concentrator on the other
-// end of the link plays the outcome. The decoded text is the fixture.
+// nas0_1 while the method captures; the ISP's access concentrator on the
+// other end of the link plays the outcome. The decoded text is the fixture.
 TEST_P(PppoeExchange, DiagnosisOfARealExchange) {
     const PppoeCase &c = GetParam();
-    wanlab::link_isp("nas0_1", c.isp);
-    wanlab::describe_wan(1, "nas0_1", "route-ppp");
-    zqlab::set("wan.1.pppoe.service", c.services);
-    zqlab::set("wan.1.pppoe.auth", c.auth);
+    zqlab::scenario(scenario_of("pppoe-", c.name));
     wanlab::store_down_wan(WAN_NAME, "nas0_1", "route-ppp");
 
     uint32_t result = 77;
