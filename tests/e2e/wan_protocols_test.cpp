@@ -54,7 +54,7 @@ std::string section(const std::string &log, const std::string &step) {
     if (start == std::string::npos) return "";
     const size_t body = start + header.size();
     const size_t end = log.find("\n>>>> ", body);
-    return log.substr(body, end == std::string::npos ? std::string::npos : end + 1 - body);
+    return log.substr(body, end == std::string::npos ? std::string::npos : end - body);
 }
 
 const zqSD_wan_diag *wan_named(const char *name) {
