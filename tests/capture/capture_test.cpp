@@ -75,12 +75,14 @@ TEST_F(Capture, StartsStopsAndPacks) {
     // A capture of 5000 packets that runs on, then a second start.
     ASSERT_EQ(zq_get_tcpdump_file(request(0, 5000, "lo", "icmp or arp")), 0);
     EXPECT_TRUE(tcpdump_runs());
-    EXPECT_NE(zqlab::run("ps").find("tcpdump -v -i lo icmp or arp -c 5000 -w /tmp/capture_file/capture.pcap"),
-              std::string::npos);
+    const std::string ps = zqlab::run("ps");
+    EXPECT_NE(ps.find("tcpdump -v -i lo icmp or arp -c 5000 -w /tmp/capture_file/capture.pcap"),
+              std::string::npos)
+        << ps;
     std::string log = log_of([] { EXPECT_EQ(zq_get_tcpdump_file(request(0, 10, "lo")), -1); });
     EXPECT_NE(log.find("tcpdump is running"), std::string::npos);
     // tcpdump hands packets over a second after they came in at the latest.
-    zqlab::run("ping -c 1 127.0.0.1; sleep 1.1");
+    zqlab::run("ping -c 1 127.0.0.1; sleep 1.5");
     EXPECT_EQ(stop_tcpdump_catch(), 0);
     EXPECT_FALSE(tcpdump_runs());
     EXPECT_GT(zq_get_file_size(ZQ_CAPTURE_PCAP), 24);
