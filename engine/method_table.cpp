@@ -21,9 +21,9 @@ const zq_diag_method zq_method_table[ZQ_METHOD_COUNT] = {
     {"dns_status", nullptr, nullptr, nullptr, nullptr, dns_status_envoy},
     {"dhcp_config", nullptr, zq_get_dhcp_config_struct, zq_get_dhcp_config_diag, zq_get_dhcp_config_fix,
      dhcp_config_envoy},
-    {"pppoe_status", nullptr, nullptr, nullptr, nullptr, pppoe_status_envoy},
+    {"pppoe_status", nullptr, nullptr, zq_get_pppoe_diag, nullptr, pppoe_status_envoy},
     {"route_status", nullptr, nullptr, nullptr, nullptr, route_status_envoy},
-    {"dhcp_status", nullptr, nullptr, nullptr, nullptr, dhcp_status_envoy},
+    {"dhcp_status", nullptr, nullptr, zq_get_dhcp_status_diag, nullptr, dhcp_status_envoy},
 };
 
 int find_method_index(const char *method, uint64_t *index) {

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "engine/engine.h"
+#include "engine/exec_block.h"
 #include "engine/log.h"
 #include "engine/util.h"
 #include "records/records.h"
@@ -19,14 +20,10 @@ namespace {
 enum : uint32_t { ACTION_RUN = 0, ACTION_UPLOAD = 1 };
 enum : uint32_t { KIND_DIAGNOSE = 0, KIND_FIX = 1 };
 
-// The block is shared with the calling thread without a lock; the fields
-// that cross threads are written and read whole.
-void set_state(diag_exec_ctl &block, uint32_t state) {
-    __atomic_store_n(&block.state, state, __ATOMIC_RELEASE);
-}
-uint32_t get_state(const diag_exec_ctl &block) { return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE); }
-void clear_worker(diag_exec_ctl &block) { __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE); }
-bool worker_busy(const diag_exec_ctl &block) { return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0; }
+using zq::clear_worker;
+using zq::get_state;
+using zq::set_state;
+using zq::worker_busy;
 
 void *diagnose_execution(void *) {
     pthread_detach(pthread_self());

@@ -300,6 +300,15 @@ ZQ_EXPORT int get_pon_debug_flag(void);
 ZQ_EXPORT int set_pon_debug_flag(int on);
 ZQ_EXPORT int is_pon_auth_normal(void);
 
+/* Packet capture */
+ZQ_EXPORT int capture_set(void);
+ZQ_EXPORT int capture_abnormal_get(void);
+ZQ_EXPORT int zq_get_tcpdump_file(tcpdump_req req);
+ZQ_EXPORT int stop_tcpdump_catch(void);
+ZQ_EXPORT long packet_capture_file(void);
+ZQ_EXPORT long zq_get_file_size(const char *path);
+ZQ_EXPORT uint64_t get_max_size_of_tcpdump_file(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -58,3 +58,13 @@ void parse_udhcpd_conf_line(const char *line, zqSD_dhcp_diag &block);
 int dhcp_pool_check(const zqSD_dhcp_diag &block);
 // The text after the last blank of `text` into the zeroed `dst`.
 void copy_last_word(char *dst, size_t size, const char *text);
+
+// dhcp_status
+int zq_get_dhcp_status_diag(zq_diag_args args);
+int dhcp_filter_special(const char *interface);
+uint32_t dhcp_packet_flags();
+
+// pppoe_status
+int zq_get_pppoe_diag(zq_diag_args args);
+uint32_t zq_check_pppoe_error();
+int pppoe_filter_special(const char *interface);

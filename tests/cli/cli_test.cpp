@@ -564,4 +564,38 @@ TEST(CliPermit, ReleaseFreesThePermitAndNeverRaisesIt) {
     release_diag_permit();
 }
 
+// ---- capture ----------------------------------------------------------------
+
+TEST(CliCapture, StartFollowsUntilInterruptedAndStopWorksAcrossProcesses) {
+    const pid_t pid = spawn({"capture", "start"});
+    ASSERT_GT(pid, 0);
+    for (int i = 0; i < 3000 && zqlab::pids("tcpdump").empty(); ++i) usleep(1000);
+    zqlab::run("ping -c 1 127.0.0.1; sleep 1.2");
+    EXPECT_TRUE(
+        contains(cli({"capture", "status"}).out, "state: capturing\ntcpdump: running\npermit: taken\n"));
+    kill(pid, SIGINT);
+    CliResult r = collect(pid);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "capture started on all interfaces\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "  captured ")) << r.out;
+    EXPECT_TRUE(contains(r.out, "archive: /tmp/capture_file/capture.tar (")) << r.out;
+    EXPECT_FALSE(permit_taken());
+
+    // Started by one process, stopped by another.
+    r = cli({"capture", "start", "--detach", "--mode", "single"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(cli({"capture", "start"}).status, 3) << "the permit is taken";
+    r = cli({"capture", "stop"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "capture stopped")) << r.out;
+    EXPECT_TRUE(zqlab::pids("tcpdump").empty());
+    EXPECT_FALSE(permit_taken());
+    r = cli({"capture", "status"});
+    EXPECT_TRUE(contains(r.out, "state: stopped, packed\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "  capture.tar ")) << r.out;
+    EXPECT_EQ(cli({"capture", "start", "--mode", "rotate"}).status, 1);
+    EXPECT_FALSE(permit_taken());
+    EXPECT_EQ(cli({"capture", "stop", "--mode", "single"}).status, 2);
+}
+
 } // namespace
