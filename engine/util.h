@@ -119,3 +119,22 @@ inline bool is_shell_word(std::string_view s) {
     return true;
 }
 } // namespace zq
+
+namespace zq {
+// True when `s` is a plain address, host name or interface name: what may
+// stand as ping's host or follow its -I. Letters and digits, then also
+// . - _ : % (IPv6 texts, scoped addresses); never a leading '-', which a
+// command would take for an option. Values that outside programs report
+// (the diagnosis manager's addresses) pass this test before they reach a
+// command line.
+inline bool is_host_word(std::string_view s) {
+    if (s.empty()) return false;
+    auto alnum = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    };
+    if (!alnum(s[0]) && s[0] != ':') return false;
+    for (char c : s)
+        if (!alnum(c) && c != '.' && c != '-' && c != '_' && c != ':' && c != '%') return false;
+    return true;
+}
+} // namespace zq

@@ -288,6 +288,12 @@ ZQ_EXPORT int is_zq_fix_available(void);
 ZQ_EXPORT int zq_packet_diag_file(void);
 ZQ_EXPORT int zq_clear_diag_file(void);
 
+/* DNS probes of one WAN record (a zqSD_wan_diag): 0 when a root name
+ * server answers a ping from the record's v4_ip, else -1; 1 when a public
+ * name resolves (the record is not read), else 0. */
+ZQ_EXPORT int v4_ping_preset_dns(char *wan_record);
+ZQ_EXPORT int if_dns_avaliable(char *wan_record);
+
 /* PON helpers */
 ZQ_EXPORT int get_pon_debug_flag(void);
 ZQ_EXPORT int set_pon_debug_flag(int on);
