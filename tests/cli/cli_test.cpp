@@ -136,6 +136,9 @@ void hang_diagnosis_manager() {
     ASSERT_EQ(zqlab::run_status("chmod +x /run/zqlab/override/diagM"), 0);
 }
 
+// The WAN steps ping; what they find, not how long it takes, is tested here.
+void fast_pings() { zqlab::set("ping.interval", "0.2"); }
+
 // ---- Records ----------------------------------------------------------------
 
 std::string type_name(uint32_t code) {
@@ -157,9 +160,50 @@ std::vector<const diag_data_node *> chain_nodes() {
 
 template <size_t N> std::string text(const char (&field)[N]) { return std::string(field, strnlen(field, N)); }
 
-// Every record shows where it stands in the chain. Of the methods that store
-// records, only the PON's stands yet: its fields are compared one by one
-// (customer_ver as the JSON reader decodes it).
+// The fields a record's JSON must show: every field of its layout, by name
+// (customer_ver as the JSON reader decodes it). The record's reals are
+// floats: compared at a float's precision.
+json expected_fields(const diag_data_node &node, const std::string &customer_ver) {
+    if (node.type == PON_DIAG_DATA) {
+        const auto &r = *static_cast<const zqSD_pon_diag *>(node.data);
+        return {{"pon_mode", text(r.pon_mode)},
+                {"pon_state", text(r.pon_state)},
+                {"rx_power", r.rx_power},
+                {"tx_power", r.tx_power},
+                {"customer_ver", customer_ver.empty() ? text(r.customer_ver) : customer_ver},
+                {"reg_state", r.reg_state}};
+    }
+    if (node.type == WAN_DIAG_DATA) {
+        const auto &r = *static_cast<const zqSD_wan_diag *>(node.data);
+        return {{"nat_enable", r.nat_enable},
+                {"vlan_enable", r.vlan_enable},
+                {"vlan", r.vlan},
+                {"type", text(r.type)},
+                {"protocol", text(r.protocol)},
+                {"v4_ip", text(r.v4_ip)},
+                {"v4_gateway", text(r.v4_gateway)},
+                {"v4_master_dns", text(r.v4_master_dns)},
+                {"v4_slave_dns", text(r.v4_slave_dns)},
+                {"nas_interface", text(r.nas_interface)},
+                {"service_type", text(r.service_type)},
+                {"v6_ip", text(r.v6_ip)},
+                {"v6_gateway", text(r.v6_gateway)},
+                {"wan_name", text(r.wan_name)},
+                {"disable_lan_dhcp", r.disable_lan_dhcp},
+                {"itfGroup", r.itfGroup},
+                {"v4_conn_state", r.v4_conn_state},
+                {"v6_conn_state", r.v6_conn_state},
+                {"dns_state", r.dns_state},
+                {"params_state", r.params_state},
+                {"pppoe_state", r.pppoe_state},
+                {"route_state", r.route_state},
+                {"dhcp_state", r.dhcp_state}};
+    }
+    ADD_FAILURE() << "a record type this test does not know yet: " << node.type;
+    return {};
+}
+
+// Every record shows where it stands in the chain and all its fields.
 void expect_record(const json &record, const diag_data_node &node, const std::string &customer_ver) {
     ASSERT_TRUE(record.is_object()) << record.dump();
     ASSERT_TRUE(record.contains("fields") && record["fields"].is_object()) << record.dump();
@@ -168,18 +212,10 @@ void expect_record(const json &record, const diag_data_node &node, const std::st
     const json expected_head = {
         {"type", type_name(node.type)}, {"code", node.type}, {"index", node.index}, {"count", node.count}};
     EXPECT_TRUE(head == expected_head) << "differences: " << json::diff(expected_head, head).dump();
-    ASSERT_EQ(node.type, PON_DIAG_DATA) << "a record type this test does not know yet";
-    const auto &r = *static_cast<const zqSD_pon_diag *>(node.data);
-    // The record's reals are floats: compared at a float's precision.
     json shown = record["fields"];
     for (json &value : shown)
         if (value.is_number_float()) value = static_cast<float>(value.get<double>());
-    const json expected = {{"pon_mode", text(r.pon_mode)},
-                           {"pon_state", text(r.pon_state)},
-                           {"rx_power", r.rx_power},
-                           {"tx_power", r.tx_power},
-                           {"customer_ver", customer_ver.empty() ? text(r.customer_ver) : customer_ver},
-                           {"reg_state", r.reg_state}};
+    const json expected = expected_fields(node, customer_ver);
     EXPECT_TRUE(shown == expected) << "differences: " << json::diff(expected, shown).dump();
 }
 
@@ -252,6 +288,29 @@ TEST(CliDiagnose, ExitStatusFollowsTheFindingsAndEveryFindingIsShown) {
     EXPECT_FALSE(logged.empty());
     EXPECT_EQ(shown_findings(r.out), logged);
     EXPECT_FALSE(permit_taken());
+}
+
+// The WAN modes take their steps only: 5 the parameters, 6 the Internet
+// and names, 9 the routes.
+TEST(CliDiagnose, WanModes) {
+    fast_pings();
+    struct ModeCase {
+        const char *mode;
+        const char *shown;
+        std::vector<std::string> not_shown;
+    };
+    const ModeCase cases[] = {
+        {"5", "[ipv4] params:", {"Internet connectivity", "Route of"}},
+        {"6", "Internet connectivity is normal", {"[ipv4] params:", "Route of"}},
+        {"9", "Route of 1_TR069_INTERNET_R_VID_100 is normal", {"[ipv4] params:", "Internet connectivity"}}};
+    for (const ModeCase &c : cases) {
+        const CliResult r = cli({"diagnose", "--mode", c.mode});
+        EXPECT_EQ(r.status, 0) << c.mode << "\n" << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "[v4] connect normal")) << r.out;
+        EXPECT_TRUE(contains(r.out, c.shown)) << r.out;
+        for (const std::string &other : c.not_shown)
+            EXPECT_FALSE(contains(r.out, other)) << c.mode << "\n" << r.out;
+    }
 }
 
 TEST(CliDiagnose, PermitHeldByAnotherProcessIsReportedAndKept) {
@@ -341,6 +400,7 @@ class CliRecords : public ::testing::TestWithParam<RecordsCase> {};
 // back), then this process runs its own and compares record by record.
 TEST_P(CliRecords, JsonMatchesTheRecordChain) {
     zqlab::scenario(GetParam().scenario);
+    fast_pings();
     if (GetParam().custname) zqlab::write_file("/etc/custname", GetParam().custname);
     const CliResult r = cli({"records", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -373,6 +433,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, CliRecords,
                          });
 
 TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
+    fast_pings();
     const CliResult r = cli({"records"});
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_EQ(run_spec_entire_diag(0), 0);
@@ -386,6 +447,7 @@ TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
 // ---- package and permit -----------------------------------------------------
 
 TEST(CliPackage, ListsTheMembersOfTheArchive) {
+    fast_pings();
     EXPECT_EQ(cli({"package"}).status, 1) << "nothing to pack before any diagnosis";
     ASSERT_NE(cli({"diagnose"}).status, 3);
     const CliResult r = cli({"package"});

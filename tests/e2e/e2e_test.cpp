@@ -1,32 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "lab/zqlab.hpp"
+#include "tests/e2e/diag_run.hpp"
 #include "zq_diag.h"
 
 namespace {
-
-// Starts a run through the control block and waits for its end state, as a
-// management process would.
-int run_and_wait(uint32_t kind, uint32_t mode) {
-    g_diag_exec.kind = kind;
-    g_diag_exec.mode = mode;
-    g_diag_exec.action = 0;
-    int rc = diagnose_set();
-    if (rc != 0) return rc;
-    EXPECT_NE(g_diag_exec.state, EXEC_IDLE);
-    for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(g_diag_exec.worker, 0ul);
-    return 0;
-}
 
 std::string golden(const std::string &name, const std::string &actual) {
     const std::string path = std::string(ZQ_GOLDEN_DIR) + "/" + name;
