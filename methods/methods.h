@@ -33,6 +33,10 @@ int zq_get_ping_diag(zq_diag_args args);
 // the times only when some probe was answered.
 void parse_ping_output(std::string_view text, ping_result &result);
 uint32_t ping_verdict(const ping_result &result);
+// The ping request the WAN methods share: the verdict of one ping of `host`
+// from `source` through the dispatcher. A request that does not run reads
+// as PING_UNREACHABLE: only an answered probe counts.
+uint32_t ping_request_verdict(uint8_t family, std::string_view host, std::string_view source);
 
 // wan_status: the WAN status block is the record up to its verdicts.
 constexpr size_t WAN_BLOCK_SIZE = offsetof(zqSD_wan_diag, v4_conn_state);

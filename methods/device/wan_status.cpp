@@ -97,14 +97,7 @@ uint32_t check_connect(const zqSD_wan_diag &block, uint8_t family, const char (&
             return fallback_verdict(block);
         }
     }
-    ping_request request = {};
-    request.family = family;
-    zq::copy(request.host, gateway_text);
-    zq::copy(request.source, ip_text);
-    // A request the dispatcher refuses reads as no answer.
-    uint32_t ping = PING_UNREACHABLE;
-    zq_get_sys_diag("ping", ACTION_DIAG, zq_args(&request, sizeof(request), &ping, sizeof(ping)));
-    return verdict_of_ping(ping);
+    return verdict_of_ping(ping_request_verdict(family, gateway_text, ip_text));
 }
 
 void write_verdict(const zqSD_wan_diag &block, const char *protocol, uint32_t verdict) {

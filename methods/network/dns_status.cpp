@@ -24,15 +24,9 @@ constexpr uint32_t DNS_ABNORMAL = 1;
 
 bool dns_answer_found(std::string_view lookup_output) { return !lookup_output.empty(); }
 
+// Below PING_UNREACHABLE at least one probe was answered.
 int ping_reachable(uint8_t family, const char *source, const char *host) {
-    ping_request request = {};
-    request.family = family;
-    zq::copy(request.host, host);
-    zq::copy(request.source, source);
-    // Only an answered probe counts: a ping that did not run is no answer.
-    uint32_t verdict = PING_UNREACHABLE;
-    zq_get_sys_diag("ping", ACTION_DIAG, zq_args(&request, sizeof(request), &verdict, sizeof(verdict)));
-    return verdict < PING_UNREACHABLE ? 0 : -1;
+    return ping_request_verdict(family, zq::view(host), zq::view(source)) < PING_UNREACHABLE ? 0 : -1;
 }
 
 int v4_ping_preset_dns(char *wan_record) {

@@ -131,3 +131,13 @@ int zq_get_ping_diag(zq_diag_args args) {
     memcpy(args.out_buf, &verdict, sizeof(verdict));
     return 0;
 }
+
+uint32_t ping_request_verdict(uint8_t family, std::string_view host, std::string_view source) {
+    ping_request request = {};
+    request.family = family;
+    zq::copy(request.host, host);
+    zq::copy(request.source, source);
+    uint32_t verdict = PING_UNREACHABLE;
+    zq_get_sys_diag("ping", ACTION_DIAG, zq_args(&request, sizeof(request), &verdict, sizeof(verdict)));
+    return verdict;
+}
