@@ -115,13 +115,26 @@ int run_repair(const Command &self, const ParsedArgs &args) {
 
     say("\n");
     print_title("Repair");
-    request.kind = RunKind::repair;
-    request.mode = 0; // the library runs every repair without a filter
-    const RunResult repair = run_diagnosis(request);
+    RunRequest fix = request;
+    fix.kind = RunKind::repair;
+    fix.mode = 0; // the library runs every repair without a filter
+    const RunResult repair = run_diagnosis(fix);
     if (repair.end != RunEnd::finished) return exit_status_of(repair.end);
     if (repair.tally.steps.empty()) say("    nothing to repair\n");
     print_summary("Repair", repair.tally);
-    return repair.tally.errors() ? EXIT_FINDING_ERROR : EXIT_OK;
+    const int repaired = repair.tally.errors() ? EXIT_FINDING_ERROR : EXIT_OK;
+    if (repair.tally.steps.empty()) return repaired;
+
+    // The same diagnosis again shows what the repair changed.
+    say("\n");
+    print_title(mode_title("Diagnosis after the repair", request.mode));
+    RunRequest check = request;
+    check.live = false;
+    const RunResult after = run_diagnosis(check);
+    if (after.end != RunEnd::finished) return exit_status_of(after.end);
+    print_changes(diagnosis.tally, after.tally);
+    print_summary("Diagnosis", after.tally);
+    return repaired;
 }
 
 // ---- records ----------------------------------------------------------------
@@ -249,7 +262,9 @@ constexpr Command COMMANDS[] = {
     {"repair", "[--mode N] [--timeout SECONDS]", "diagnose, then repair what the diagnosis found",
      "A repair acts on the records of the last diagnosis made in the same process,\n"
      "and a new zqdiag process has none: so 'repair' FIRST RUNS A DIAGNOSIS (shown\n"
-     "as such), then the repair, with the same live display.\n"
+     "as such), then the repair, with the same live display. When the repair ran a\n"
+     "step, the same diagnosis runs once more, quietly, and the findings that are\n"
+     "gone or new since the first one are listed.\n"
      "Exit status 1 when the repair itself wrote an error-level finding; the\n"
      "diagnosis's findings do not count.\n\n" ZQ_MODES_HELP,
      REPAIR_OPTIONS, run_repair, true},

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <thread>
 #include <unistd.h>
 
@@ -123,6 +124,7 @@ class RunDisplay {
   private:
     void step(const LogLine &entry) {
         pending_header_.clear();
+        step_ = entry.method;
         std::string header = "== " + printable(entry.method);
         if (!entry.action.empty()) header += " (" + printable(entry.action) + ")";
         if (entry.method == "end") {
@@ -137,6 +139,7 @@ class RunDisplay {
     void finding(const Finding &f) {
         const unsigned level = f.level < LEVEL_COUNT ? f.level : 0;
         ++tally_.findings[level];
+        tally_.all.push_back({step_, {level, f.text}});
         last_level_ = level;
         show_pending_header();
         print(INDENT + paint(LEVEL_PAINT[level], level_prefix(level)) + " " +
@@ -173,6 +176,7 @@ class RunDisplay {
     unsigned spin_ = 0;
     unsigned last_level_ = 0;
     std::string pending_header_;
+    std::string step_; // the step whose findings come now
     Tally tally_;
 };
 
@@ -290,6 +294,46 @@ void print_summary(const char *what, const Tally &tally) {
         counts += (level ? ", " : "") + item;
     }
     say("  findings: %s\n", counts.c_str());
+}
+
+namespace {
+
+std::string finding_key(const StepFinding &f) {
+    return f.step + '\n' + std::to_string(f.finding.level) + '\n' + f.finding.text;
+}
+
+// The findings of `from` that `other` lacks, as often as they are missing.
+std::vector<const StepFinding *> missing_from(const Tally &from, const Tally &other) {
+    std::map<std::string, int> left;
+    for (const StepFinding &f : other.all) ++left[finding_key(f)];
+    std::vector<const StepFinding *> missing;
+    for (const StepFinding &f : from.all) {
+        int &count = left[finding_key(f)];
+        if (count > 0)
+            --count;
+        else
+            missing.push_back(&f);
+    }
+    return missing;
+}
+
+void print_change(const char *what, Paint colour, const StepFinding &f) {
+    const unsigned level = f.finding.level < LEVEL_COUNT ? f.finding.level : 0;
+    say("  %s %-12s %s %s\n", paint(colour, what).c_str(), printable(f.step).c_str(),
+        paint(LEVEL_PAINT[level], level_prefix(level)).c_str(), printable(f.finding.text).c_str());
+}
+
+} // namespace
+
+void print_changes(const Tally &before, const Tally &after) {
+    const auto gone = missing_from(before, after);
+    const auto added = missing_from(after, before);
+    if (gone.empty() && added.empty()) {
+        say("  no change: the same findings as before the repair\n");
+        return;
+    }
+    for (const StepFinding *f : gone) print_change("gone", Paint::green, *f);
+    for (const StepFinding *f : added) print_change("new ", Paint::yellow, *f);
 }
 
 int exit_status_of(RunEnd end) {

@@ -29,11 +29,18 @@ struct RunRequest {
     bool live = true; // show progress and findings as they come
 };
 
+// One finding of a run with the step that wrote it.
+struct StepFinding {
+    std::string step;
+    Finding finding;
+};
+
 // What the log says about one run.
 struct Tally {
     std::vector<std::string> steps; // in order, the "end" pseudo-step left out
     bool saw_end = false;
     unsigned findings[LEVEL_COUNT] = {};
+    std::vector<StepFinding> all; // every finding, in order
 
     unsigned errors() const { return findings[LEVEL_COUNT - 1]; }
 };
@@ -50,6 +57,10 @@ RunResult run_diagnosis(const RunRequest &request);
 
 // Prints "steps run ..., findings ..." for a finished run.
 void print_summary(const char *what, const Tally &tally);
+
+// What changed between two diagnoses: the findings of `before` that
+// `after` no longer has, and those that are new in `after`.
+void print_changes(const Tally &before, const Tally &after);
 
 // Exit status for a run that did not finish.
 int exit_status_of(RunEnd end);

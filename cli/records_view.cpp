@@ -50,6 +50,10 @@ constexpr const char *WAN_PARAMS_BITS[] = {nullptr, "NAT off on an Internet WAN"
 constexpr const char *PON_REG_STATES[] = {"registered", "no optical link", "not registered"};
 constexpr const char *DHCP_FAULT_BITS[] = {"DHCP server not running", "pool not in the LAN subnet",
                                            "gateway differs from the server address"};
+constexpr const char *LAN_SIDE_BITS[] = {
+    "LAN1",           "LAN2",           "LAN3",           "LAN4",          "WLAN(AP0_5G)",
+    "WLAN(AP1_5G)",   "WLAN(AP2_5G)",   "WLAN(AP3_5G)",   "WLAN(AP4_5G)",  "WLAN(AP0_2.4G)",
+    "WLAN(AP1_2.4G)", "WLAN(AP2_2.4G)", "WLAN(AP3_2.4G)", "WLAN(AP4_2.4G)"};
 constexpr const char *SYS_FAULT_BITS[] = {
     "boa down",         "cwmpClient down",     "omci_app down", "eponoamd down", "memory usage > 80 %",
     "CPU usage > 80 %", "more than one udhcpd"};
@@ -70,7 +74,7 @@ constexpr Field WAN_FIELDS[] = {
     ZQ_FIELD(zqSD_wan_diag, v6_gateway, text),
     ZQ_FIELD(zqSD_wan_diag, wan_name, text),
     ZQ_FIELD(zqSD_wan_diag, disable_lan_dhcp, u8),
-    ZQ_FIELD(zqSD_wan_diag, itfGroup, u16),
+    ZQ_FIELD(zqSD_wan_diag, itfGroup, u16, nullptr, Meaning::bits, LAN_SIDE_BITS),
     ZQ_FIELD(zqSD_wan_diag, v4_conn_state, u32, nullptr, Meaning::code, WAN_VERDICTS),
     ZQ_FIELD(zqSD_wan_diag, v6_conn_state, u32, nullptr, Meaning::code, WAN_VERDICTS),
     ZQ_FIELD(zqSD_wan_diag, dns_state, u32, nullptr, Meaning::code, DNS_STATES),
@@ -106,7 +110,7 @@ constexpr Field DHCP_FIELDS[] = {
     ZQ_FIELD(zqSD_dhcp_diag, dns, text),
     ZQ_FIELD(zqSD_dhcp_diag, secondary_dns, text),
     ZQ_FIELD(zqSD_dhcp_diag, fault_flags, u32, nullptr, Meaning::bits, DHCP_FAULT_BITS),
-    ZQ_FIELD(zqSD_dhcp_diag, lan_dhcp_disabled, u32),
+    ZQ_FIELD(zqSD_dhcp_diag, lan_dhcp_disabled, u32, nullptr, Meaning::bits, LAN_SIDE_BITS),
 };
 
 constexpr Field SYS_FIELDS[] = {

@@ -50,6 +50,14 @@ template <size_t N, size_t M> inline void copy(char (&dst)[N], const char (&src)
 }
 #define ZQ_FORMAT(buf, ...) ::zq::format((buf), sizeof(buf), __VA_ARGS__)
 
+// The characters of s from `start` up to `end`, both clamped to its size
+// (substr without the exception, which the library cannot have).
+inline std::string_view slice(std::string_view s, size_t start, size_t end = std::string_view::npos) {
+    if (end > s.size()) end = s.size();
+    if (start > end) start = end;
+    return {s.data() + start, end - start};
+}
+
 // Null-safe, case-sensitive substring test.
 inline bool contains(std::string_view hay, std::string_view needle) {
     return hay.find(needle) != std::string_view::npos;
@@ -61,11 +69,14 @@ template <size_t N> inline bool contains(const char (&arr)[N], const char *needl
     return needle && contains(view(arr), std::string_view{needle});
 }
 
+// A blank as the C library's scanners see one: space, \t \n \v \f \r.
+inline bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 // Leading decimal integer as atoi reads it (blanks, sign, digits), with
 // saturation instead of overflow.
 inline long long parse_int_prefix(std::string_view s) {
     size_t i = 0;
-    while (i < s.size() && (s[i] == ' ' || (s[i] >= '\t' && s[i] <= '\r'))) ++i;
+    while (i < s.size() && is_space(s[i])) ++i;
     bool neg = false;
     if (i < s.size() && (s[i] == '+' || s[i] == '-')) neg = s[i++] == '-';
     // Accumulated as a negative number, so that INT64_MIN itself fits.

@@ -288,6 +288,13 @@ ZQ_EXPORT int is_zq_fix_available(void);
 ZQ_EXPORT int zq_packet_diag_file(void);
 ZQ_EXPORT int zq_clear_diag_file(void);
 
+/* System status: fills the 424-byte system status block (the front of
+ * zqSD_sys_diag) at args.out_buf; only out_buf is used. It writes 424 bytes
+ * whatever out_size says, so the block must be at least that large. Takes
+ * at least 300 ms (two CPU load samples). Returns 0, -1 when out_buf is
+ * null. When /proc/stat cannot be opened, the process ends (status 0). */
+ZQ_EXPORT int zq_get_sys_status_struct(zq_diag_args args);
+
 /* DNS probes of one WAN record (a zqSD_wan_diag): 0 when a root name
  * server answers a ping from the record's v4_ip, else -1; 1 when a public
  * name resolves (the record is not read), else 0. */

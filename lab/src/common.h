@@ -73,6 +73,17 @@ static inline void zq_disguise(int argc, char **argv) {
     }
 }
 
+/* Standard input, output and error on /dev/null: a background process
+ * keeps none of its starter's streams open. */
+static inline void zq_null_stdio(void) {
+    int null = open("/dev/null", O_RDWR);
+    if (null < 0) return;
+    dup2(null, 0);
+    dup2(null, 1);
+    dup2(null, 2);
+    if (null > 2) close(null);
+}
+
 /* Detaches the calling daemon. The process that returns from here is the
  * background one, in a new session, named `name`, with its original command
  * line, standard streams on /dev/null, no other descriptor and default
@@ -103,12 +114,7 @@ static inline void zq_daemonize(int argc, char **argv, const char *name, const s
     setsid();
     if (chdir("/") != 0) {
     }
-    int null = open("/dev/null", O_RDWR);
-    if (null >= 0) {
-        dup2(null, 0);
-        dup2(null, 1);
-        dup2(null, 2);
-    }
+    zq_null_stdio();
     for (int s = 1; s < 32; s++)
         if (s != SIGKILL && s != SIGSTOP) signal(s, SIG_DFL);
     sigprocmask(SIG_SETMASK, keep_blocked, NULL);

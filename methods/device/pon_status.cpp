@@ -10,6 +10,7 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "methods/methods.h"
+#include "methods/result_word.h"
 #include "records/records.h"
 
 namespace {
@@ -61,10 +62,6 @@ constexpr const char *DEBUG_COMMANDS[2][2][3] = {
      {"omcicli set log dbg dbg", "omcicli set logfile 6 0xffffffff", nullptr}},
 };
 
-void write_result(const zq_diag_args &args, uint32_t result) {
-    if (args.out_buf && args.out_size >= sizeof(result)) memcpy(args.out_buf, &result, sizeof(result));
-}
-
 } // namespace
 
 void zq_get_customver(char *out) {
@@ -114,7 +111,7 @@ int zq_get_pon_status_diag(zq_diag_args args) {
     }
 
     const uint32_t result = reg_state_of(record.pon_state);
-    write_result(args, result);
+    zq::write_result(args, result);
     record.reg_state = result;
     zq_diag_record(PON_DIAG_DATA, &record, sizeof(record));
 

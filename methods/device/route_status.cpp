@@ -16,15 +16,13 @@ constexpr size_t TOKEN_SIZE = 16;
 constexpr uint8_t LAST_ROUTE_SLOT = 31;
 constexpr uint32_t ROUTE_MISSING = 1;
 
-bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-
 // The next whitespace-separated token, at most 15 characters of it (the
 // rest of a longer one is the next token), into a cleared buffer.
 void next_token(std::string_view line, size_t &at, char (&token)[TOKEN_SIZE]) {
     memset(token, 0, sizeof(token));
-    while (at < line.size() && is_space(line[at])) ++at;
+    while (at < line.size() && zq::is_space(line[at])) ++at;
     size_t n = 0;
-    while (at < line.size() && !is_space(line[at]) && n < TOKEN_SIZE - 1) token[n++] = line[at++];
+    while (at < line.size() && !zq::is_space(line[at]) && n < TOKEN_SIZE - 1) token[n++] = line[at++];
 }
 
 // The address as the standard dotted-quad conversion gives it; all ones for

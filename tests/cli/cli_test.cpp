@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -160,20 +161,26 @@ std::vector<const diag_data_node *> chain_nodes() {
 
 template <size_t N> std::string text(const char (&field)[N]) { return std::string(field, strnlen(field, N)); }
 
-// The fields a record's JSON must show: every field of its layout, by name
-// (customer_ver as the JSON reader decodes it). The record's reals are
-// floats: compared at a float's precision.
-json expected_fields(const diag_data_node &node, const std::string &customer_ver) {
-    if (node.type == PON_DIAG_DATA) {
-        const auto &r = *static_cast<const zqSD_pon_diag *>(node.data);
-        return {{"pon_mode", text(r.pon_mode)},
-                {"pon_state", text(r.pon_state)},
-                {"rx_power", r.rx_power},
-                {"tx_power", r.tx_power},
-                {"customer_ver", customer_ver.empty() ? text(r.customer_ver) : customer_ver},
-                {"reg_state", r.reg_state}};
-    }
-    if (node.type == WAN_DIAG_DATA) {
+// Bytes of a text field that the JSON reader decodes differently: `raw`
+// reads back as `shown`.
+struct Decoding {
+    std::string raw;
+    std::string shown;
+};
+
+// The fields of a record as the tool must show them, read from this
+// process's own copy of the record.
+json expected_fields(const diag_data_node &node, const Decoding &decoding) {
+    const auto text = [&decoding](const auto &field) {
+        std::string value = ::text(field);
+        if (decoding.raw.empty()) return value;
+        for (size_t at = value.find(decoding.raw); at != std::string::npos;
+             at = value.find(decoding.raw, at + decoding.shown.size()))
+            value.replace(at, decoding.raw.size(), decoding.shown);
+        return value;
+    };
+    switch (node.type) {
+    case WAN_DIAG_DATA: {
         const auto &r = *static_cast<const zqSD_wan_diag *>(node.data);
         return {{"nat_enable", r.nat_enable},
                 {"vlan_enable", r.vlan_enable},
@@ -199,12 +206,55 @@ json expected_fields(const diag_data_node &node, const std::string &customer_ver
                 {"route_state", r.route_state},
                 {"dhcp_state", r.dhcp_state}};
     }
-    ADD_FAILURE() << "a record type this test does not know yet: " << node.type;
-    return {};
+    case PORT_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_port_diag *>(node.data);
+        return {{"status", text(r.status)}, {"speed", text(r.speed)}, {"duplex", text(r.duplex)}};
+    }
+    case PON_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_pon_diag *>(node.data);
+        return {{"pon_mode", text(r.pon_mode)},
+                {"pon_state", text(r.pon_state)},
+                {"rx_power", r.rx_power},
+                {"tx_power", r.tx_power},
+                {"customer_ver", text(r.customer_ver)},
+                {"reg_state", r.reg_state}};
+    }
+    case DHCP_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_dhcp_diag *>(node.data);
+        return {{"server_running", r.server_running},
+                {"interface", text(r.interface)},
+                {"ip_addr", text(r.ip_addr)},
+                {"pool_addr_start", text(r.pool_addr_start)},
+                {"pool_addr_end", text(r.pool_addr_end)},
+                {"subnet", text(r.subnet)},
+                {"gateway", text(r.gateway)},
+                {"dns", text(r.dns)},
+                {"secondary_dns", text(r.secondary_dns)},
+                {"fault_flags", r.fault_flags},
+                {"lan_dhcp_disabled", r.lan_dhcp_disabled}};
+    }
+    case SYS_DIAG_DATA: {
+        const auto &r = *static_cast<const zqSD_sys_diag *>(node.data);
+        return {{"sys_mem_total", r.sys_mem_total},
+                {"sys_mem_free", r.sys_mem_free},
+                {"sys_mem_usage", r.sys_mem_usage},
+                {"sys_cpu_usage", r.sys_cpu_usage},
+                {"pid_boa", r.pid_boa},
+                {"pid_cwmpClient", r.pid_cwmpClient},
+                {"pid_omci_oam", r.pid_omci_oam},
+                {"dnsmasq", text(r.dnsmasq)},
+                {"software_version", text(r.software_version)},
+                {"fault_flags", r.fault_flags}};
+    }
+    default:
+        ADD_FAILURE() << "a record type this test does not know yet: " << node.type;
+        return json::object();
+    }
 }
 
-// Every record shows where it stands in the chain and all its fields.
-void expect_record(const json &record, const diag_data_node &node, const std::string &customer_ver) {
+// Every record shows where it stands in the chain, and every field of its
+// layout by name and value.
+void expect_record(const json &record, const diag_data_node &node, const Decoding &decoding) {
     ASSERT_TRUE(record.is_object()) << record.dump();
     ASSERT_TRUE(record.contains("fields") && record["fields"].is_object()) << record.dump();
     json head = record;
@@ -212,10 +262,11 @@ void expect_record(const json &record, const diag_data_node &node, const std::st
     const json expected_head = {
         {"type", type_name(node.type)}, {"code", node.type}, {"index", node.index}, {"count", node.count}};
     EXPECT_TRUE(head == expected_head) << "differences: " << json::diff(expected_head, head).dump();
+    // The record's reals are floats: compared at a float's precision.
     json shown = record["fields"];
     for (json &value : shown)
         if (value.is_number_float()) value = static_cast<float>(value.get<double>());
-    const json expected = expected_fields(node, customer_ver);
+    const json expected = expected_fields(node, decoding);
     EXPECT_TRUE(shown == expected) << "differences: " << json::diff(expected, shown).dump();
 }
 
@@ -288,6 +339,23 @@ TEST(CliDiagnose, ExitStatusFollowsTheFindingsAndEveryFindingIsShown) {
     EXPECT_FALSE(logged.empty());
     EXPECT_EQ(shown_findings(r.out), logged);
     EXPECT_FALSE(permit_taken());
+}
+
+// The modes of the health methods run one step each.
+TEST(CliDiagnose, PortSystemAndLanModesRunTheirStepOnly) {
+    const std::pair<const char *, std::string> modes[] = {
+        {"1", "== port_status (diag)\n    [normal ] Port[1] up\n    [warn   ] Port[2] down\n"},
+        {"4", "== sys_status (diag)\n    [normal ] The system status diagnosis is normal\n"},
+        {"7", "== dhcp_config (diag)\n    [normal ] The lan configuration diagnosis is normal\n"}};
+    for (const auto &[mode, shown] : modes) {
+        const CliResult r = cli({"diagnose", "--mode", mode});
+        EXPECT_EQ(r.status, 0) << mode << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, shown)) << mode << r.out;
+        EXPECT_TRUE(contains(r.out, "Diagnosis: 1 step run (")) << mode << r.out;
+        EXPECT_FALSE(contains(r.out, "pon_status")) << mode << r.out;
+    }
+    zqlab::scenario("ports-down");
+    EXPECT_EQ(cli({"diagnose", "--mode", "1"}).status, 1) << "all ports down is an error";
 }
 
 // The WAN modes take their steps only: 5 the parameters, 6 the Internet
@@ -383,6 +451,46 @@ TEST(CliRepair, DiagnosesFirstAndIsJudgedOnItsOwnFindings) {
     EXPECT_GT(r.out.find("[error  ] Pon auto detect was turn on fail!"), r.out.find("\nRepair\n")) << r.out;
 }
 
+// The repair restarts the dropped daemons and leaves one LAN DHCP server;
+// the diagnosis after it shows which findings went.
+TEST(CliRepair, RestartsDaemonsLeavesOneServerAndShowsTheChange) {
+    zqlab::scenario("restart-fails");
+    fast_pings();
+    zqlab::set("daemons.broken", "");
+    zqlab::set("udhcpd.count", "3");
+    const CliResult r = cli({"repair"});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    const size_t repair = r.out.find("\nRepair\n");
+    const size_t after = r.out.find("\nDiagnosis after the repair, mode 0 (the whole path)\n");
+    ASSERT_NE(repair, std::string::npos) << r.out;
+    ASSERT_NE(after, std::string::npos) << r.out;
+    EXPECT_LT(repair, after);
+    EXPECT_TRUE(contains(r.out, "== sys_status (fix)\n"
+                                "    [success] The boa process succeeded in being fixed\n"
+                                "    [success] The cwmpClient process succeeded in being fixed\n"
+                                "    [normal ] 'Multi lan' problem solve\n"))
+        << r.out;
+    const size_t summary = r.out.find("\nDiagnosis: ", after);
+    const std::string changes =
+        r.out.substr(after, summary == std::string::npos ? summary : summary + 1 - after);
+    for (const char *line : {"  gone sys_status   [error  ] The boa process dropped --Repairable\n",
+                             "  gone sys_status   [error  ] The cwmpClient process dropped --Repairable\n",
+                             "  gone sys_status   [error  ] Multi lan process exist --Repairable\n",
+                             "  new  sys_status   [normal ] The system status diagnosis is normal\n"})
+        EXPECT_TRUE(contains(changes, line)) << line << changes;
+    EXPECT_FALSE(contains(changes, "port_status")) << "unchanged findings are not listed: " << changes;
+    EXPECT_EQ(zqlab::pids("boa").size(), 1u);
+    EXPECT_EQ(zqlab::pids("cwmpClient").size(), 1u);
+    EXPECT_EQ(zqlab::pids("udhcpd").size(), 1u);
+    EXPECT_FALSE(permit_taken());
+
+    // Nothing to repair: no second diagnosis.
+    const CliResult healthy = cli({"repair"});
+    EXPECT_EQ(healthy.status, 0) << healthy.err;
+    EXPECT_TRUE(contains(healthy.out, "    nothing to repair\n")) << healthy.out;
+    EXPECT_FALSE(contains(healthy.out, "Diagnosis after the repair")) << healthy.out;
+}
+
 // ---- records ----------------------------------------------------------------
 
 struct RecordsCase {
@@ -410,13 +518,25 @@ TEST_P(CliRecords, JsonMatchesTheRecordChain) {
     EXPECT_EQ(doc.value("mode", 99u), 0u);
     ASSERT_TRUE(doc.contains("records") && doc["records"].is_array()) << r.out;
 
+    std::set<std::string> types;
+    for (const json &record : doc["records"])
+        if (record.is_object()) types.insert(record.value("type", ""));
+    for (const char *type : {"PORT_DIAG_DATA", "PON_DIAG_DATA", "DHCP_DIAG_DATA", "SYS_DIAG_DATA"})
+        EXPECT_EQ(types.count(type), 1u) << type;
+
     ASSERT_EQ(run_spec_entire_diag(0), 0);
     const std::vector<const diag_data_node *> nodes = chain_nodes();
-    EXPECT_FALSE(nodes.empty());
     ASSERT_EQ(doc["records"].size(), nodes.size()) << r.out;
+    // The customer name's first line stands in customer_ver and in
+    // software_version.
+    Decoding decoding;
+    if (GetParam().customer_ver) {
+        const std::string raw = GetParam().custname, shown = GetParam().customer_ver;
+        decoding = {raw.substr(0, raw.find('\n')), shown.substr(0, shown.find('\n'))};
+    }
     for (size_t i = 0; i < nodes.size(); ++i) {
         SCOPED_TRACE("record " + std::to_string(i) + " of type " + type_name(nodes[i]->type));
-        expect_record(doc["records"][i], *nodes[i], GetParam().customer_ver ? GetParam().customer_ver : "");
+        expect_record(doc["records"][i], *nodes[i], decoding);
     }
 }
 

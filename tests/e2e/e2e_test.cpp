@@ -1,25 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "lab/zqlab.hpp"
-#include "tests/e2e/diag_run.hpp"
+#include "tests/e2e/e2e_support.hpp"
 #include "zq_diag.h"
 
 namespace {
 
-std::string golden(const std::string &name, const std::string &actual) {
-    const std::string path = std::string(ZQ_GOLDEN_DIR) + "/" + name;
-    if (getenv("ZQ_UPDATE_GOLDEN")) std::ofstream(path) << actual;
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using e2e::golden;
+using e2e::run_and_wait;
 
 std::string members(const std::string &archive) { return zqlab::run("tar -tf " + archive); }
 
@@ -28,7 +18,7 @@ TEST(EndToEnd, DiagnosisOfAnUnregisteredGateway) {
     EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
     EXPECT_STREQ(zq_running_method, "end");
     EXPECT_EQ(is_diag_permit_holding(), 0);
-    std::string log = zqlab::read_file("/tmp/diag_file/diag_log");
+    const std::string log = e2e::masked_pids(e2e::diag_log());
     EXPECT_EQ(log, golden("pon-unregistered.diag_log", log));
 
     const diag_data_node *pon = zq_search_diag_record(PON_DIAG_DATA);

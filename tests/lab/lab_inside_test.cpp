@@ -2,8 +2,10 @@
 // started with the healthy-gpon scenario.
 #include "zqlab.hpp"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
@@ -45,6 +47,26 @@ uint32_t read_alarm_word() {
 
 std::string manager_pid_text() { return zqlab::read_file("/var/run/diagM.pid"); }
 
+// The load between two readings of /proc/stat's first line, as the library
+// computes it: idle time against the sum of the first seven counters.
+double load_between(const std::string &first, const std::string &second) {
+    auto counters = [](const std::string &text) {
+        std::vector<std::string> w = words(text.substr(0, text.find('\n')));
+        std::vector<double> c;
+        for (size_t i = 1; i < w.size() && i <= 7; ++i) c.push_back(std::stod(w[i]));
+        c.resize(7);
+        return c;
+    };
+    const std::vector<double> a = counters(first), b = counters(second);
+    double total = 0;
+    for (size_t i = 0; i < 7; ++i) total += b[i] - a[i];
+    return total == 0 ? 0.0 : 100.0 - (b[3] - a[3]) / total * 100.0;
+}
+
+bool proc_stat_replaced() {
+    return zqlab::read_file("/proc/self/mountinfo").find(" /proc/stat ") != std::string::npos;
+}
+
 } // namespace
 
 TEST(Lab, RunsInAFreshLab) {
@@ -84,6 +106,38 @@ TEST(Tools, ShimsTakeTheFirmwareSyntaxAndShowTheScenario) {
     ASSERT_GE(mem.size(), 3u);
     EXPECT_EQ(mem[1], "253476");
     EXPECT_EQ(mem[2], "250000");
+}
+
+// --- CPU load ---------------------------------------------------------------
+
+// Readings 20 ms apart (the library's are 300 ms apart); other readers in
+// between change nothing.
+TEST(CpuLoad, ServedLoadIsExactWhoeverReadsInBetween) {
+    for (int usage : {0, 12, 80, 81, 99, 100}) {
+        zqlab::set("cpu.usage", std::to_string(usage));
+        const std::string first = zqlab::read_file("/proc/stat");
+        usleep(20000);
+        if (usage == 80) zqlab::run("cat /proc/stat >/dev/null; head -1 /proc/stat >/dev/null");
+        const std::string second = zqlab::read_file("/proc/stat");
+        EXPECT_EQ(static_cast<int>(load_between(first, second)), usage) << first << second;
+    }
+}
+
+TEST(CpuLoad, KernelFileWithoutTheKeyAndUnreadableOnRequest) {
+    EXPECT_TRUE(proc_stat_replaced()) << "healthy-gpon serves a load";
+    zqlab::unset("cpu.usage");
+    EXPECT_FALSE(proc_stat_replaced());
+    EXPECT_EQ(zqlab::read_file("/proc/stat").rfind("cpu ", 0), 0u);
+
+    zqlab::set("cpu.unreadable", "yes");
+    errno = 0;
+    EXPECT_EQ(fopen("/proc/stat", "r"), nullptr);
+    EXPECT_EQ(errno, ENXIO);
+    zqlab::scenario("healthy-gpon");
+    FILE *f = fopen("/proc/stat", "r");
+    ASSERT_NE(f, nullptr) << "a scenario reset gives it back";
+    fclose(f);
+    EXPECT_EQ(zqlab::run_status("zqlab set cpu.usage 101 2>/dev/null"), 1);
 }
 
 // --- scenarios --------------------------------------------------------------
@@ -153,6 +207,14 @@ TEST(Daemons, RunUnderTheGatewaysNamesForPsAndPgrep) {
     EXPECT_EQ(zqlab::run("pgrep cwmp"), std::to_string(zqlab::pids("cwmpClient").at(0)) + "\n") << "pattern";
     EXPECT_EQ(zqlab::run("pgrep -x cwmp"), "");
     EXPECT_EQ(zqlab::run_status("pgrep nosuchdaemon"), 1);
+}
+
+// Three servers killed at once are gone from the very next process list,
+// however long the kernel takes to run them to their end.
+TEST(Daemons, KilledProcessesAreGoneFromTheNextProcessList) {
+    zqlab::set("udhcpd.count", "3");
+    ASSERT_EQ(zqlab::pids("udhcpd").size(), 3u);
+    EXPECT_EQ(count_of(zqlab::run("pgrep udhcpd | xargs kill -s KILL; ps"), "/bin/udhcpd"), 0);
 }
 
 // --- diagnosis manager --------------------------------------------------------

@@ -128,8 +128,10 @@ TEST(Isp, PingImpairmentsAreDeterministic) {
     }
     EXPECT_EQ(zqlab::isp_run("cat /proc/sys/net/ipv4/icmp_echo_ignore_all"), "1\n");
     std::vector<int> root = reply_times(zqlab::run("ping -4 192.5.5.241 -c 1 -W 1 -I 192.0.2.10"));
-    ASSERT_EQ(root.size(), 1u);
-    EXPECT_LT(root[0], 10) << "other addresses are answered at once";
+    // Answered by the kernel, without the responder's delays (a loaded
+    // machine may still take a few milliseconds).
+    ASSERT_EQ(root.size(), 1u) << "other addresses are answered";
+    EXPECT_LT(root[0], 10) << "other addresses are answered without a delay";
 
     // Every second request dropped (the first of each pair), combined with
     // a delay.
