@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "capture_cmd.hpp"
 #include "console.hpp"
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
@@ -375,6 +376,18 @@ constexpr Command COMMANDS[] = {
      "release: gives the permit back (release_diag_permit). Use it for a permit\n"
      "left behind by a process that died; a running diagnosis loses its permit too.",
      HELP_ONLY, run_permit, false},
+    {"capture", "start [--mode single|rotate] [--interface N] [--detach] | stop | status",
+     "start, stop or show a packet capture",
+     "start: takes the diagnosis permit and starts tcpdump (capture_set), then shows\n"
+     "the bytes captured as they grow until Ctrl-C stops the capture, or until it\n"
+     "ends by itself (5000 packets); the files are then packed into\n"
+     "/tmp/capture_file/capture.tar. With --detach it returns at once.\n"
+     "stop: stops a running capture, started here or by another process, shows the\n"
+     "bytes captured, packs the files and gives the permit back.\n"
+     "status: the state, whether tcpdump runs, the permit, and the sizes of the\n"
+     "files under /tmp/capture_file/.\n"
+     "Exit status 3 when the permit is taken.",
+     CAPTURE_OPTIONS, run_capture, false},
 };
 
 #undef ZQ_MODES_HELP

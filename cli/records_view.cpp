@@ -43,7 +43,7 @@ struct RecordType {
     Field { #f, offsetof(T, f), sizeof(T::f), Kind::k __VA_OPT__(, ) __VA_ARGS__ }
 
 constexpr const char *WAN_VERDICTS[] = {"connect normal",     "connect unstable",  "gateway unreachable",
-                                        "dhcp service error", "ppp service error", "static service error"};
+                                        "dhcp service error", "ppp service error", "static service errror"};
 constexpr const char *DNS_STATES[] = {"Internet reachable", "Internet not reachable"};
 constexpr const char *ROUTE_STATES[] = {"route present", "route missing"};
 constexpr const char *WAN_PARAMS_BITS[] = {nullptr, "NAT off on an Internet WAN", "VLAN off"};

@@ -78,22 +78,6 @@ constexpr const char *ZQ_DIAGM_PID_PATH = "/var/run/diagM.pid";
 const char *get_pon_info(const char *key);
 int make_dir(const char *dir);
 
-// ---- Control blocks ------------------------------------------------------
-// The blocks are shared with the calling thread and the workers without a
-// lock; the fields that cross threads are written and read whole.
-inline void set_exec_state(diag_exec_ctl &block, uint32_t state) {
-    __atomic_store_n(&block.state, state, __ATOMIC_RELEASE);
-}
-inline uint32_t get_exec_state(const diag_exec_ctl &block) {
-    return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE);
-}
-inline void clear_exec_worker(diag_exec_ctl &block) {
-    __atomic_store_n(&block.worker, 0UL, __ATOMIC_RELEASE);
-}
-inline bool exec_worker_busy(const diag_exec_ctl &block) {
-    return __atomic_load_n(&block.worker, __ATOMIC_ACQUIRE) != 0;
-}
-
 // ---- Path searches -------------------------------------------------------
 void init_diag_path(uint32_t mode);
 int custom_path(const char *names, uint64_t count);

@@ -11,19 +11,20 @@
 const zq_diag_method zq_method_table[ZQ_METHOD_COUNT] = {
     {"cmd", zq_get_cmd_raw_data, nullptr, nullptr, nullptr, cmd_envoy},
     {"port_status", nullptr, zq_get_port_status_struct, zq_get_port_status_diag, nullptr, port_status_envoy},
-    {"ping", nullptr, nullptr, nullptr, nullptr, ping_envoy},
-    {"wan_status", nullptr, nullptr, nullptr, nullptr, wan_status_envoy},
+    {"ping", zq_get_ping_raw_data, zq_get_ping_struct, zq_get_ping_diag, nullptr, ping_envoy},
+    {"wan_status", nullptr, zq_get_wan_status_struct, zq_get_wan_status_diag, nullptr, wan_status_envoy},
     {"sys_status", nullptr, zq_get_sys_status_struct, zq_get_sys_status_diag, zq_get_sys_status_fix,
      sys_status_envoy},
     {"pon_status", nullptr, zq_get_pon_status_struct, zq_get_pon_status_diag, zq_get_pon_status_fix,
      pon_status_envoy},
-    {"wan_params", nullptr, nullptr, nullptr, nullptr, wan_params_envoy},
-    {"dns_status", nullptr, nullptr, nullptr, nullptr, dns_status_envoy},
+    {"wan_params", nullptr, nullptr, zq_get_wan_params_diag, nullptr, wan_params_envoy},
+    {"dns_status", nullptr, nullptr, zq_get_dns_status_diag, nullptr, dns_status_envoy},
     {"dhcp_config", nullptr, zq_get_dhcp_config_struct, zq_get_dhcp_config_diag, zq_get_dhcp_config_fix,
      dhcp_config_envoy},
-    {"pppoe_status", nullptr, nullptr, nullptr, nullptr, pppoe_status_envoy},
-    {"route_status", nullptr, nullptr, nullptr, nullptr, route_status_envoy},
-    {"dhcp_status", nullptr, nullptr, nullptr, nullptr, dhcp_status_envoy},
+    {"pppoe_status", nullptr, nullptr, zq_get_pppoe_diag, nullptr, pppoe_status_envoy},
+    {"route_status", nullptr, zq_get_route_status_struct, zq_get_route_status_diag, nullptr,
+     route_status_envoy},
+    {"dhcp_status", nullptr, nullptr, zq_get_dhcp_status_diag, nullptr, dhcp_status_envoy},
 };
 
 int find_method_index(const char *method, uint64_t *index) {

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "engine/engine.h"
+#include "engine/exec_block.h"
 #include "engine/log.h"
 #include "engine/util.h"
 #include "records/records.h"
@@ -19,6 +20,11 @@ namespace {
 
 enum : uint32_t { ACTION_RUN = 0, ACTION_UPLOAD = 1 };
 enum : uint32_t { KIND_DIAGNOSE = 0, KIND_FIX = 1 };
+
+using zq::clear_worker;
+using zq::get_state;
+using zq::set_state;
+using zq::worker_busy;
 
 void *diagnose_execution(void *) {
     pthread_detach(pthread_self());
@@ -35,12 +41,12 @@ void *diagnose_execution(void *) {
         break;
     }
     if (result == 0) {
-        set_exec_state(g_diag_exec, EXEC_DONE);
+        set_state(g_diag_exec, EXEC_DONE);
     } else {
         ZQ_LOG("Diagnose may already exist in system.");
-        set_exec_state(g_diag_exec, EXEC_IDLE);
+        set_state(g_diag_exec, EXEC_IDLE);
     }
-    clear_exec_worker(g_diag_exec);
+    clear_worker(g_diag_exec);
     return nullptr;
 }
 
@@ -48,11 +54,11 @@ void *diagnose_execution(void *) {
 // ends at once always leaves its own end state behind. If the thread cannot
 // be started, the block is put back as it was.
 int start_diagnose_worker(void *(*worker)(void *), uint32_t first_state, const char *failure) {
-    const uint32_t previous = get_exec_state(g_diag_exec);
-    set_exec_state(g_diag_exec, first_state);
+    const uint32_t previous = get_state(g_diag_exec);
+    set_state(g_diag_exec, first_state);
     if (pthread_create(&g_diag_exec.worker, nullptr, worker, nullptr) != 0) {
-        clear_exec_worker(g_diag_exec);
-        set_exec_state(g_diag_exec, previous);
+        clear_worker(g_diag_exec);
+        set_state(g_diag_exec, previous);
         ZQ_LOG("%s", failure);
         return -1;
     }
@@ -72,7 +78,7 @@ int run_path(uint32_t mode, path_search_fn search) {
 } // namespace
 
 int diagnose_set() {
-    if (exec_worker_busy(g_diag_exec)) {
+    if (worker_busy(g_diag_exec)) {
         zq_log_plain("diagnose execution is busy");
         return 0;
     }

@@ -117,16 +117,17 @@ bool file_exists(const char *path);
 } // namespace zq
 
 namespace zq {
+inline bool is_ascii_alnum(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
 // True when `s` is a non-empty word of letters, digits and the characters
 // of `extra` only. Text that goes into a shell command is checked against
 // the word class of its field; what fails is refused, never escaped.
 inline bool is_word_of(std::string_view s, std::string_view extra) {
     if (s.empty()) return false;
-    for (char c : s) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                  extra.find(c) != std::string_view::npos;
-        if (!ok) return false;
-    }
+    for (char c : s)
+        if (!is_ascii_alnum(c) && extra.find(c) == std::string_view::npos) return false;
     return true;
 }
 
@@ -134,4 +135,17 @@ inline bool is_word_of(std::string_view s, std::string_view extra) {
 // command: letters, digits and _ . - / : only. Names and keys that callers
 // hand to the library's command templates are checked with it.
 inline bool is_shell_word(std::string_view s) { return is_word_of(s, "_.-/:"); }
+
+// True when `s` is a plain address, host name or interface name: what may
+// stand as ping's host or follow its -I. Letters and digits, then also
+// . - _ : % (IPv6 texts, scoped addresses); never a leading '-', which a
+// command would take for an option. Values that outside programs report
+// (the diagnosis manager's addresses) pass this test before they reach a
+// command line.
+inline bool is_host_word(std::string_view s) {
+    if (s.empty() || (!is_ascii_alnum(s[0]) && s[0] != ':')) return false;
+    for (char c : s)
+        if (!is_ascii_alnum(c) && c != '.' && c != '-' && c != '_' && c != ':' && c != '%') return false;
+    return true;
+}
 } // namespace zq

@@ -1,5 +1,5 @@
 // The small text helpers every parser of tool output leans on: the leading
-// number parsers, the shell-word test, bounded copies and substring tests.
+// number parsers, the shell-word and host-word tests, bounded copies and substring tests.
 // Each is compared with a plain model; each is handed heap blocks of exactly
 // the size it is told, so a read or write past them is caught.
 //
@@ -76,6 +76,17 @@ bool model_shell_word(std::string_view s) {
     return true;
 }
 
+// A host word: a letter, digit or ':' first (never an option's '-'), then
+// letters, digits and . - _ : %.
+bool model_host_word(std::string_view s) {
+    static const char first[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:";
+    static const char rest[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_:%";
+    if (s.empty() || !memchr(first, s[0], sizeof(first) - 1)) return false;
+    for (char c : s)
+        if (!memchr(rest, c, sizeof(rest) - 1)) return false;
+    return true;
+}
+
 bool model_contains(std::string_view hay, std::string_view needle) {
     if (needle.size() > hay.size()) return false;
     for (size_t i = 0; i + needle.size() <= hay.size(); ++i)
@@ -110,6 +121,7 @@ void check_numbers(std::string_view text) {
     FUZZ_CHECK(zq::parse_u64_prefix(s) == model_u64_prefix(s));
 
     FUZZ_CHECK(zq::is_shell_word(s) == model_shell_word(s));
+    FUZZ_CHECK(zq::is_host_word(s) == model_host_word(s));
 
     // The C-string form reads up to the first NUL.
     std::unique_ptr<char[]> cs = c_string(text);

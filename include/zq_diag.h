@@ -295,10 +295,25 @@ ZQ_EXPORT int zq_clear_diag_file(void);
  * null. When /proc/stat cannot be opened, the process ends (status 0). */
 ZQ_EXPORT int zq_get_sys_status_struct(zq_diag_args args);
 
+/* DNS probes of one WAN record (a zqSD_wan_diag): 0 when a root name
+ * server answers a ping from the record's v4_ip, else -1; 1 when a public
+ * name resolves (the record is not read), else 0. */
+ZQ_EXPORT int v4_ping_preset_dns(char *wan_record);
+ZQ_EXPORT int if_dns_avaliable(char *wan_record);
+
 /* PON helpers */
 ZQ_EXPORT int get_pon_debug_flag(void);
 ZQ_EXPORT int set_pon_debug_flag(int on);
 ZQ_EXPORT int is_pon_auth_normal(void);
+
+/* Packet capture */
+ZQ_EXPORT int capture_set(void);
+ZQ_EXPORT int capture_abnormal_get(void);
+ZQ_EXPORT int zq_get_tcpdump_file(tcpdump_req req);
+ZQ_EXPORT int stop_tcpdump_catch(void);
+ZQ_EXPORT long packet_capture_file(void);
+ZQ_EXPORT long zq_get_file_size(const char *path);
+ZQ_EXPORT uint64_t get_max_size_of_tcpdump_file(void);
 
 #ifdef __cplusplus
 } /* extern "C" */

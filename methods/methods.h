@@ -1,4 +1,5 @@
-// Action slots of the diagnosis methods, referenced by the method table.
+// Action slots of the diagnosis methods, referenced by the method table, and
+// the few helpers that methods share.
 #pragma once
 
 #include <cstddef>
@@ -58,3 +59,73 @@ void parse_udhcpd_conf_line(const char *line, zqSD_dhcp_diag &block);
 int dhcp_pool_check(const zqSD_dhcp_diag &block);
 // The text after the last blank of `text` into the zeroed `dst`.
 void copy_last_word(char *dst, size_t size, const char *text);
+
+// ping: the output of the struct action, with natural alignment.
+struct ping_result {
+    uint8_t loss;     // percent, as ping printed it; 100 without statistics
+    uint8_t no_stats; // 1 when the output holds no '%'
+    uint32_t avg;     // round-trip times, whole milliseconds
+    uint32_t min;
+    uint32_t max;
+    uint32_t jitter; // max - min
+};
+static_assert(sizeof(ping_result) == 20 && offsetof(ping_result, avg) == 4, "ping_result layout");
+int zq_get_ping_raw_data(zq_diag_args args);
+int zq_get_ping_struct(zq_diag_args args);
+int zq_get_ping_diag(zq_diag_args args);
+// Reads ping's statistics lines into `result`: loss and no_stats always,
+// the times only when some probe was answered.
+void parse_ping_output(std::string_view text, ping_result &result);
+uint32_t ping_verdict(const ping_result &result);
+// The ping request the WAN methods share: the verdict of one ping of `host`
+// from `source` through the dispatcher. A request that does not run reads
+// as PING_UNREACHABLE: only an answered probe counts.
+uint32_t ping_request_verdict(uint8_t family, std::string_view host, std::string_view source);
+
+// wan_status: the WAN status block is the record up to its verdicts.
+constexpr size_t WAN_BLOCK_SIZE = offsetof(zqSD_wan_diag, v4_conn_state);
+static_assert(WAN_BLOCK_SIZE == 280, "WAN status block");
+// The diagnosis manager's answer for one key of WAN `index`, unchanged (the
+// shared command result buffer).
+const char *get_wan_info(const char *key, uint32_t index);
+int zq_get_wan_status_struct(zq_diag_args args);
+int zq_get_wan_status_diag(zq_diag_args args);
+// Verdicts of one protocol of a WAN status block (the record's first 280
+// bytes).
+uint32_t check_wan_v4_connect(const zqSD_wan_diag &block);
+uint32_t check_wan_v6_connect(const zqSD_wan_diag &block);
+uint32_t wan_verdict_level(uint32_t verdict);
+extern const char wan_verdict_text[6][32];
+
+// route_status: the kernel routing table as route -n shows it.
+struct route_table {
+    uint8_t count;
+    char destinations[32][16];
+    char masks[32][16];
+};
+static_assert(sizeof(route_table) == 1025, "route_table layout");
+int zq_get_route_status_struct(zq_diag_args args);
+int zq_get_route_status_diag(zq_diag_args args);
+// Fills `table` (whose count the caller has cleared) from route -n output.
+void parse_route_table(std::string_view text, route_table &table);
+
+// dns_status
+int zq_get_dns_status_diag(zq_diag_args args);
+// 0 when `host` answered a ping from `source`, else -1.
+int ping_reachable(uint8_t family, const char *source, const char *host);
+// True when the name lookup pipeline printed an answer.
+bool dns_answer_found(std::string_view lookup_output);
+
+// wan_params
+int zq_get_wan_params_diag(zq_diag_args args);
+void print_wan_params(uint32_t flags, const char *wan_name);
+
+// dhcp_status
+int zq_get_dhcp_status_diag(zq_diag_args args);
+int dhcp_filter_special(const char *interface);
+uint32_t dhcp_packet_flags();
+
+// pppoe_status
+int zq_get_pppoe_diag(zq_diag_args args);
+uint32_t zq_check_pppoe_error();
+int pppoe_filter_special(const char *interface);

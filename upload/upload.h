@@ -28,6 +28,9 @@ int del_upload_route(upload_params *p);
 constexpr const char *ZQ_FTP_SCRIPT_PATH = "/tmp/run_ftp.sh";
 
 // ---- Naming and settings ---------------------------------------------------
+// The upload workers, started by diagnose_set and capture_set with their
+// block's worker as handle. Each detaches itself; at its end it sets the
+// block's state (3 sent, 5 failed) and file_name, and clears worker.
 void *diagnose_upload(void *);
 void *capture_upload(void *);
 void diagnose_upload_setting(upload_params *p);

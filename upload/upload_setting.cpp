@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "engine/engine.h"
+#include "engine/exec_block.h"
 #include "engine/log.h"
 #include "engine/util.h"
 #include "upload/upload.h"
@@ -93,11 +94,11 @@ void fill_upload_params(const char *caller, const upload_setting &s, upload_para
         const std::string_view previous = zq::view(block.file_name);
         if (previous.empty()) {
             ZQ_LOG_AS(caller, "%s", s.missing_archive);
-            set_exec_state(block, EXEC_UPLOAD_FAIL);
+            zq::set_state(block, EXEC_UPLOAD_FAIL);
             return;
         }
         if (!stored_name_ok(caller, block)) {
-            set_exec_state(block, EXEC_UPLOAD_FAIL);
+            zq::set_state(block, EXEC_UPLOAD_FAIL);
             return;
         }
         ZQ_FORMAT(path, "%s%.*s", s.dir, static_cast<int>(previous.size()), previous.data());
@@ -114,10 +115,10 @@ void *run_upload_worker(const upload_setting &s, void (*setting)(upload_params *
     setting(&params);
     if (s.packs) zq_packet_diag_file();
     const int result = zq_file_upload(params);
-    set_exec_state(block, result != 0 ? EXEC_UPLOAD_FAIL : EXEC_UPLOADED);
+    zq::set_state(block, result != 0 ? EXEC_UPLOAD_FAIL : EXEC_UPLOADED);
     if (s.packs) zq_clear_diag_file();
     zq::copy(block.file_name, zq::view(params.remote_file));
-    clear_exec_worker(block);
+    zq::clear_worker(block);
     return &block;
 }
 

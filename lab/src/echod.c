@@ -185,11 +185,13 @@ int main(int argc, char **argv) {
     sigset_t none;
     sigemptyset(&none);
     zq_daemonize(argc, argv, "zqlab-echod", &none);
-    /* Our socket is all we keep; the foreground process is released. */
-    for (int fd = 3; fd < 1024; fd++)
-        if (fd != sock) close(fd);
+    /* The kernel falls silent before the foreground process is released:
+     * a ping right after start-up must not get its quick replies too. */
     write_flag(ECHO_IGNORE, "1");
     signal(SIGTERM, on_term);
+    /* Our socket is all we keep; this releases the foreground process. */
+    for (int fd = 3; fd < 1024; fd++)
+        if (fd != sock) close(fd);
     signal(SIGINT, on_term);
 
     unsigned char buf[MAX_PACKET + 64];

@@ -137,6 +137,9 @@ void hang_diagnosis_manager() {
     ASSERT_EQ(zqlab::run_status("chmod +x /run/zqlab/override/diagM"), 0);
 }
 
+// The WAN steps ping; what they find, not how long it takes, is tested here.
+void fast_pings() { zqlab::set("ping.interval", "0.2"); }
+
 // ---- Records ----------------------------------------------------------------
 
 std::string type_name(uint32_t code) {
@@ -358,6 +361,29 @@ TEST(CliDiagnose, PortSystemAndLanModesRunTheirStepOnly) {
     EXPECT_EQ(cli({"diagnose", "--mode", "1"}).status, 1) << "all ports down is an error";
 }
 
+// The WAN modes take their steps only: 5 the parameters, 6 the Internet
+// and names, 9 the routes.
+TEST(CliDiagnose, WanModes) {
+    fast_pings();
+    struct ModeCase {
+        const char *mode;
+        const char *shown;
+        std::vector<std::string> not_shown;
+    };
+    const ModeCase cases[] = {
+        {"5", "[ipv4] params:", {"Internet connectivity", "Route of"}},
+        {"6", "Internet connectivity is normal", {"[ipv4] params:", "Route of"}},
+        {"9", "Route of 1_TR069_INTERNET_R_VID_100 is normal", {"[ipv4] params:", "Internet connectivity"}}};
+    for (const ModeCase &c : cases) {
+        const CliResult r = cli({"diagnose", "--mode", c.mode});
+        EXPECT_EQ(r.status, 0) << c.mode << "\n" << r.out << r.err;
+        EXPECT_TRUE(contains(r.out, "[v4] connect normal")) << r.out;
+        EXPECT_TRUE(contains(r.out, c.shown)) << r.out;
+        for (const std::string &other : c.not_shown)
+            EXPECT_FALSE(contains(r.out, other)) << c.mode << "\n" << r.out;
+    }
+}
+
 TEST(CliDiagnose, PermitHeldByAnotherProcessIsReportedAndKept) {
     ASSERT_EQ(get_diag_permit(), 0);
     for (const std::vector<std::string> &args :
@@ -432,6 +458,7 @@ TEST(CliRepair, DiagnosesFirstAndIsJudgedOnItsOwnFindings) {
 // the diagnosis after it shows which findings went.
 TEST(CliRepair, RestartsDaemonsLeavesOneServerAndShowsTheChange) {
     zqlab::scenario("restart-fails");
+    fast_pings();
     zqlab::set("daemons.broken", "");
     zqlab::set("udhcpd.count", "3");
     const CliResult r = cli({"repair"});
@@ -484,6 +511,7 @@ class CliRecords : public ::testing::TestWithParam<RecordsCase> {};
 // back), then this process runs its own and compares record by record.
 TEST_P(CliRecords, JsonMatchesTheRecordChain) {
     zqlab::scenario(GetParam().scenario);
+    fast_pings();
     if (GetParam().custname) zqlab::write_file("/etc/custname", GetParam().custname);
     const CliResult r = cli({"records", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
@@ -528,6 +556,7 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, CliRecords,
                          });
 
 TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
+    fast_pings();
     const CliResult r = cli({"records"});
     ASSERT_EQ(r.status, 0) << r.err;
     ASSERT_EQ(run_spec_entire_diag(0), 0);
@@ -541,6 +570,7 @@ TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
 // ---- package and permit -----------------------------------------------------
 
 TEST(CliPackage, ListsTheMembersOfTheArchive) {
+    fast_pings();
     EXPECT_EQ(cli({"package"}).status, 1) << "nothing to pack before any diagnosis";
     ASSERT_NE(cli({"diagnose"}).status, 3);
     const CliResult r = cli({"package"});
@@ -587,6 +617,40 @@ TEST(CliPermit, ReleaseFreesThePermitAndNeverRaisesIt) {
     EXPECT_EQ(get_diag_permit(), 0);
     EXPECT_EQ(get_diag_permit(), -1);
     release_diag_permit();
+}
+
+// ---- capture ----------------------------------------------------------------
+
+TEST(CliCapture, StartFollowsUntilInterruptedAndStopWorksAcrossProcesses) {
+    const pid_t pid = spawn({"capture", "start"});
+    ASSERT_GT(pid, 0);
+    for (int i = 0; i < 3000 && zqlab::pids("tcpdump").empty(); ++i) usleep(1000);
+    zqlab::run("ping -c 1 127.0.0.1; sleep 1.2");
+    EXPECT_TRUE(
+        contains(cli({"capture", "status"}).out, "state: capturing\ntcpdump: running\npermit: taken\n"));
+    kill(pid, SIGINT);
+    CliResult r = collect(pid);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "capture started on all interfaces\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "  captured ")) << r.out;
+    EXPECT_TRUE(contains(r.out, "archive: /tmp/capture_file/capture.tar (")) << r.out;
+    EXPECT_FALSE(permit_taken());
+
+    // Started by one process, stopped by another.
+    r = cli({"capture", "start", "--detach", "--mode", "single"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(cli({"capture", "start"}).status, 3) << "the permit is taken";
+    r = cli({"capture", "stop"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(contains(r.out, "capture stopped")) << r.out;
+    EXPECT_TRUE(zqlab::pids("tcpdump").empty());
+    EXPECT_FALSE(permit_taken());
+    r = cli({"capture", "status"});
+    EXPECT_TRUE(contains(r.out, "state: stopped, packed\n")) << r.out;
+    EXPECT_TRUE(contains(r.out, "  capture.tar ")) << r.out;
+    EXPECT_EQ(cli({"capture", "start", "--mode", "rotate"}).status, 1);
+    EXPECT_FALSE(permit_taken());
+    EXPECT_EQ(cli({"capture", "stop", "--mode", "single"}).status, 2);
 }
 
 } // namespace

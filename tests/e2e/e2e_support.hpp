@@ -47,6 +47,20 @@ inline std::string step_findings(const std::string &log, const std::string &meth
     return log.substr(from, end == std::string::npos ? std::string::npos : end - from);
 }
 
+// The methods of the log's steps of one action, in order.
+inline std::vector<std::string> step_names(const std::string &log, const std::string &action = "diag") {
+    std::vector<std::string> names;
+    const std::string head = "\n>>>> ", tail = " " + action + " <<<<\n";
+    for (size_t at = log.find(head); at != std::string::npos; at = log.find(head, at + 1)) {
+        const size_t end = log.find('\n', at + 1);
+        const std::string line = log.substr(at, end == std::string::npos ? end : end + 1 - at);
+        if (line.size() > head.size() + tail.size() &&
+            line.compare(line.size() - tail.size(), tail.size(), tail) == 0)
+            names.push_back(line.substr(head.size(), line.size() - head.size() - tail.size()));
+    }
+    return names;
+}
+
 // Copies of the records of one type, in chain order, read the way an
 // outside process reads them.
 template <class T> std::vector<T> records(uint32_t type) {

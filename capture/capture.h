@@ -1,0 +1,70 @@
+// Internal interface of packet capture: starting and stopping tcpdump,
+// packing and decoding its files, the capture of a WAN restart for the
+// protocol methods, and the checks that outside text passes before it goes
+// into a tcpdump or grep command line. The exported entry points are in
+// zq_diag.h.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "zq_diag.h"
+
+constexpr const char *ZQ_CAPTURE_DIR = "/tmp/capture_file/";
+constexpr const char *ZQ_CAPTURE_PCAP = "/tmp/capture_file/capture.pcap";
+constexpr const char *ZQ_CAPTURE_TAR = "/tmp/capture_file/capture.tar";
+constexpr const char *ZQ_CAPTURE_PARSE = "/tmp/capture_file/capture_parse";
+constexpr const char *ZQ_CAPTURE_ALLOWANCE = "/tmp/max_size_of_tcpdump_file";
+
+enum : uint32_t { CAPTURE_MODE_SINGLE = 0, CAPTURE_MODE_ROTATE = 1 };
+constexpr uint64_t ZQ_MAX_CATCH_COUNT = 5000;
+constexpr uint64_t ZQ_MAX_ALLOWANCE = 3;
+
+// The user capture described by g_cap_exec (mode, kind): 0 when it runs.
+int start_tcpdump_process();
+// Capture interface index to interface name: 0 is "any", n the interface
+// of WAN n + 1 (as the diagnosis manager names it). Always 0.
+int convert_interface(uint32_t index, char *out, uint64_t size);
+// The rotate-mode branch of start_tcpdump_process: `req` is cleared, its
+// interface filled. 0 when the rotating capture and its upload run.
+int start_rotate_capture(tcpdump_req req);
+// Waits (at most 3 s) until a tcpdump process exists: 0, or -1.
+int check_tcpdump_run();
+// Decodes capture.pcap through one of the library's decode filters into
+// capture_parse (see is_decode_filter).
+void get_tcpdump_parse(const char *filter);
+// 1 when some line of capture_parse contains `text` (a plain word).
+int grep_tcpdump_parse(const char *text);
+// Captures the traffic of a WAN restart into capture.pcap, once per
+// diagnosis: 0, or -1 when the capture could not start.
+int zq_diag_capture(const void *record);
+
+// ---- Checks of outside text ------------------------------------------------
+// A plain network interface name: 1 to 15 letters, digits, '_', '.', '-',
+// ':' or '@', not starting with '-'.
+bool is_interface_name(std::string_view name);
+// A caller's tcpdump expression: nothing the shell would act on and no
+// word that tcpdump would take for an option. See filter_check.cpp.
+bool is_capture_filter(std::string_view filter);
+// One of the library's own decode filters (options and expression).
+bool is_decode_filter(std::string_view filter);
+
+// The decode filters of the protocol methods: the whole DHCP or PPPoE
+// traffic with link-level headers, and the traffic of one interface index
+// (received by or sent by this host) without them.
+constexpr const char *DHCP_DECODE_FILTER = "-tve '(udp and port 67 and port 68)'";
+constexpr const char *PPPOE_DECODE_FILTER = "-vte 'pppoed or pppoes'";
+constexpr const char *DHCP_IFINDEX_FILTER =
+    "-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and  (ether[4:4] == %d ) and (udp and port 67 and port "
+    "68)\" ";
+constexpr const char *PPPOE_IFINDEX_FILTER =
+    "-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == %d ) and (pppoed or pppoes)\" ";
+
+// The interface index of a decoded line with link-level header ("nas0_0
+// Out ifindex 3 ..."): its fourth word as a number, 0 when there is none.
+int interface_index_of(const char *line);
+
+// Narrows capture_parse to the packets of interface `name` with
+// `ifindex_filter` (one of the two above): 0, or -1 when the name is not a
+// plain interface name or appears on no decoded line with an index.
+int filter_special(const char *name, const char *ifindex_filter);

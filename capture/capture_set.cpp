@@ -1,0 +1,145 @@
+// The capture entry points: capture_set starts, stops and uploads the user
+// capture of g_cap_exec under the diagnosis permit; capture_abnormal_get is
+// the watchdog that notices a capture whose tcpdump died.
+#include <pthread.h>
+
+#include "capture/capture.h"
+#include "engine/engine.h"
+#include "engine/exec_block.h"
+#include "engine/log.h"
+#include "engine/util.h"
+#include "upload/upload.h"
+
+namespace {
+
+enum : uint32_t { CAPTURE_STOP = 0, CAPTURE_START = 1, CAPTURE_UPLOAD = 2 };
+constexpr uint64_t USER_CATCH_COUNT = 5000;
+
+int start_single_capture(tcpdump_req req) {
+    req.catch_count = USER_CATCH_COUNT;
+    return zq_get_tcpdump_file(req);
+}
+
+struct capture_mode {
+    uint32_t mode;
+    int (*start)(tcpdump_req req);
+};
+constexpr capture_mode CAPTURE_MODES[] = {
+    {CAPTURE_MODE_SINGLE, start_single_capture},
+    {CAPTURE_MODE_ROTATE, start_rotate_capture},
+};
+
+void stop_capture() {
+    if (zq::get_state(g_cap_exec) != EXEC_RUNNING) return;
+    stop_tcpdump_catch();
+    packet_capture_file();
+    zq::set_state(g_cap_exec, g_cap_exec.mode == CAPTURE_MODE_ROTATE ? EXEC_IDLE : EXEC_DONE);
+    release_diag_permit();
+}
+
+// A start while a capture runs is refused: going on would lose track of
+// the running capture and of the permit it holds.
+int start_capture() {
+    if (zq::get_state(g_cap_exec) == EXEC_RUNNING) {
+        ZQ_LOG("capture is already running");
+        return -1;
+    }
+    if (get_diag_permit() != 0) {
+        ZQ_LOG("get diag permit fail");
+        return -1;
+    }
+    if (start_tcpdump_process() != 0) {
+        release_diag_permit();
+        return -1;
+    }
+    zq::set_state(g_cap_exec, EXEC_RUNNING);
+    return 0;
+}
+
+// The upload state is written before the worker starts, so a worker that
+// ends at once leaves its own end state; a worker that cannot start leaves
+// the block as it was. An upload while the capture still runs is refused:
+// it would send an old archive and leave the running capture unstoppable.
+int start_capture_upload() {
+    if (g_cap_exec.mode == CAPTURE_MODE_ROTATE) return -1;
+    const uint32_t previous = zq::get_state(g_cap_exec);
+    if (previous == EXEC_RUNNING) {
+        ZQ_LOG("capture is running, stop it before the upload");
+        return -1;
+    }
+    zq::set_state(g_cap_exec, EXEC_UPLOADING);
+    if (pthread_create(&g_cap_exec.worker, nullptr, capture_upload, nullptr) != 0) {
+        zq::clear_worker(g_cap_exec);
+        zq::set_state(g_cap_exec, previous);
+        ZQ_LOG("pthread_create fail - capture_upload");
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int convert_interface(uint32_t index, char *out, uint64_t size) {
+    if (!out || size == 0) return 0;
+    if (index == 0) {
+        zq::copy(out, size, "any");
+        return 0;
+    }
+    char cmd[128] = {};
+    ZQ_FORMAT(cmd, "diagM get wan_info nas_interface %u", index + 1);
+    // The manager prints the name bare; a line end would only break the
+    // command line it goes into.
+    std::string_view name = zq::view(zq_get_cmd_result(cmd));
+    while (!name.empty() && (name.back() == '\n' || name.back() == '\r')) name.remove_suffix(1);
+    zq::copy(out, size, name);
+    return 0;
+}
+
+int start_tcpdump_process() {
+    tcpdump_req req{};
+    convert_interface(g_cap_exec.kind, req.interface, sizeof(req.interface));
+    for (const capture_mode &entry : CAPTURE_MODES) {
+        if (entry.mode == g_cap_exec.mode) {
+            req.mode = entry.mode;
+            return entry.start(req);
+        }
+    }
+    ZQ_LOG("invalid mode");
+    return -1;
+}
+
+int capture_set() {
+    if (zq::worker_busy(g_cap_exec)) {
+        zq_log_plain("capture execution is busy");
+        return 0;
+    }
+    switch (g_cap_exec.action) {
+    case CAPTURE_STOP:
+        stop_capture();
+        return 0;
+    case CAPTURE_START:
+        return start_capture();
+    case CAPTURE_UPLOAD:
+        return start_capture_upload();
+    default:
+        ZQ_LOG("invalid action");
+        return -1;
+    }
+}
+
+// A dead single capture is also finished here: its files are packed and
+// the permit it held is given back, since a later stop request finds the
+// state no longer running and would leave the gateway locked. Only a
+// capture this block was running is finished; the rotate mode ends its own
+// capture.
+int capture_abnormal_get() {
+    if (g_cap_exec.action != CAPTURE_START || zq_get_pid("tcpdump") != 0) return 0;
+    const bool was_running = zq::get_state(g_cap_exec) == EXEC_RUNNING;
+    g_cap_exec.action = CAPTURE_STOP;
+    zq::set_state(g_cap_exec, EXEC_DONE);
+    if (was_running && g_cap_exec.mode == CAPTURE_MODE_SINGLE) {
+        packet_capture_file();
+        release_diag_permit();
+    }
+    return -1;
+}

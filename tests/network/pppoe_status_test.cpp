@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "lab/zqlab.hpp"
+#include "methods/methods.h"
+#include "methods/network/pppoe_analysis.h"
+#include "wan_lab.hpp"
+
+namespace {
+
+constexpr const char *WAN_NAME = "2_INTERNET_R_VID_200";
+constexpr const char *HEADING = "[error  ]2_INTERNET_R_VID_200[ipv4] PPPoE:\n";
+
+struct PppoeCase {
+    const char *name; // the lab scenario is pppoe-NAME (with '-' for '_')
+    uint32_t verdict;
+    const char *findings; // after the heading
+};
+
+const PppoeCase CASES[] = {
+    {"no_concentrator", 5,
+     "[warn   ]\tNo servers respond!\n[warn   ]\tIt has a specified service-name: isp1\n"},
+    {"service_ignored", 5,
+     "[warn   ]\tNo servers respond!\n[warn   ]\tIt has a specified service-name: isp1\n"},
+    {"no_padt", 4, "[warn   ]\tInteraction process not found!\n"},
+    {"lcp_not_agreed", 0,
+     "[normal ]Requested server1 (isp1): \n[error  ]\tLCP  fail!\n"
+     "[warn   ]\t\tRejected some configuration of server!\n[warn   ]\t\tMTU:1492, Auth: CHAP, MD5\n"},
+    {"chap_failure", 0, "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
+    {"pap_nak", 0, "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"},
+    {"ipcp_not_agreed", 0,
+     "[normal ]Requested server1 (isp1): \n[error  ]\tIPCP  fail\n"
+     "[warn   ]\t\tRejected some Ipcp configuration of server!\n"
+     "[normal ]\t\tIp_addr:203.0.113.1 Pri_dns:203.0.113.53 Sec_dns:203.0.113.54\n"},
+    {"success", 6, "[normal ]\tIt may be normal this time!\n"},
+    {"two_services", 0,
+     "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n"
+     "[normal ]Requested server2 (isp2): \n[error  ]\tAuth fail!\n"},
+};
+
+std::string scenario_of(const char *prefix, std::string name) {
+    for (char &c : name)
+        if (c == '_') c = '-';
+    return prefix + name;
+}
+
+class PppoeExchange : public ::testing::TestWithParam<PppoeCase> {
+  protected:
+    void SetUp() override {
+        clear_diag_chain();
+        zq_diag_msg_reset();
+    }
+};
+
+// A real exchange: diagM restart_wan starts the lab's PPPoE client on
+// nas0_1 while the method captures; the ISP's access concentrator on the
+// other end of the link plays the outcome. The decoded text is the fixture.
+TEST_P(PppoeExchange, DiagnosisOfARealExchange) {
+    const PppoeCase &c = GetParam();
+    zqlab::scenario(scenario_of("pppoe-", c.name));
+    wanlab::store_down_wan(WAN_NAME, "nas0_1", "route-ppp");
+
+    uint32_t result = 77;
+    ASSERT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, sizeof(result))), 0);
+    const std::string text = wanlab::normalized(wanlab::decoded_text());
+    EXPECT_EQ(text, wanlab::fixture(std::string("pppoe-") + c.name + ".txt", text));
+    EXPECT_EQ(std::string(zq_diag_msg), std::string(HEADING) + c.findings);
+    EXPECT_EQ(result, c.verdict);
+    ASSERT_NE(wanlab::wan_record(0), nullptr);
+    EXPECT_EQ(wanlab::wan_record(0)->pppoe_state, c.verdict);
+    EXPECT_EQ(zqlab::journal("diagM").back(), "diagM restart_wan");
+}
+
+// The analysis of each fixture alone, without a capture.
+TEST_P(PppoeExchange, AnalysisOfTheFixture) {
+    const PppoeCase &c = GetParam();
+    zqlab::write_file("/tmp/capture_file/capture_parse",
+                      wanlab::fixture(std::string("pppoe-") + c.name + ".txt"));
+    EXPECT_EQ(zq_check_pppoe_error(), c.verdict);
+    EXPECT_EQ(std::string(zq_diag_msg), c.findings);
+}
+
+INSTANTIATE_TEST_SUITE_P(Outcomes, PppoeExchange, ::testing::ValuesIn(CASES),
+                         [](const auto &param_info) { return std::string(param_info.param.name); });
+
+class PppoeStatus : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        clear_diag_chain();
+        zq_diag_msg_reset();
+    }
+    static uint32_t analyse(const std::string &text) {
+        zq_diag_msg_reset();
+        zqlab::write_file("/tmp/capture_file/capture_parse", text);
+        return zq_check_pppoe_error();
+    }
+};
+
+TEST_F(PppoeStatus, ConnectionsUpOrOfOtherTypesRunNoCapture) {
+    zqSD_wan_diag up{};
+    strcpy(up.wan_name, "1_PPP_UP");
+    strcpy(up.type, "route-ppp");
+    up.v4_conn_state = WAN_CONNECT_UNSTABLE;
+    zq_diag_record(WAN_DIAG_DATA, &up, sizeof(up));
+    wanlab::store_down_wan("2_DHCP", "nas0_0", "route-dhcp");
+    uint32_t result = 77;
+    EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
+    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]1_PPP_UP[ipv4] PPPoE:\n");
+    EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(zqlab::journal("diagM").empty());
+    EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 8)), -4);
+}
+
+TEST_F(PppoeStatus, NoPacketsAtAll) {
+    // No link: the capture holds no PPPoE packet of any interface.
+    wanlab::store_down_wan(WAN_NAME, "nas0_1", "route-ppp");
+    uint32_t result = 77;
+    EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
+    EXPECT_EQ(std::string(zq_diag_msg),
+              std::string(HEADING) +
+                  "[error  ]\tCan not find any pppoed pppoes packets within specified time\n");
+    EXPECT_EQ(result, 0u);
+}
+
+TEST_F(PppoeStatus, RulesOnTheWholeText) {
+    const std::string success = wanlab::fixture("pppoe-success.txt");
+    const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
+    // A session that came up wins over failed ones before it.
+    EXPECT_EQ(analyse(wanlab::fixture("pppoe-no_concentrator.txt") + success), 6u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]\tIt may be normal this time!\n");
+    // PPPoE packets without a PADI: no finding.
+    std::string no_padi = chap.substr(chap.find('\n') + 1);
+    EXPECT_EQ(analyse(no_padi), 4u);
+    EXPECT_STREQ(zq_diag_msg, "");
+    EXPECT_EQ(analyse("nas0_1 Out IP 192.0.2.1 > 192.0.2.2: ICMP echo request\n"), 4u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[warn   ]\tNot found any pppoe packets!\n");
+    // An empty Service-Name tag in the PADIs names no service.
+    EXPECT_EQ(analyse("nas0_1 Out PPPoE PADI [Service-Name] [Host-Uniq 0x00000003]\n"), 5u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[warn   ]\tNo servers respond!\n");
+}
+
+TEST_F(PppoeStatus, SessionsAreReportedOncePerService) {
+    const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
+    const std::string ipcp = wanlab::fixture("pppoe-ipcp_not_agreed.txt");
+    EXPECT_EQ(analyse(chap + chap), 0u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n");
+    // A CHAP failure inside a session that reached IPCP: the IPCP rule only.
+    std::string both = ipcp;
+    both.insert(both.find("nas0_1 In  PPPoE  [ses 0x1] IPCP"),
+                "nas0_1 In  PPPoE  [ses 0x1] CHAP, Fail (0x04), id 2\n");
+    EXPECT_EQ(analyse(both), 0u);
+    EXPECT_EQ(std::string(zq_diag_msg).find("Auth fail"), std::string::npos) << zq_diag_msg;
+    EXPECT_NE(std::string(zq_diag_msg).find("IPCP  fail"), std::string::npos);
+}
+
+TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
+    const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
+    std::string padded = chap;
+    for (size_t at = padded.find("isp1"); at != std::string::npos; at = padded.find("isp1", at))
+        padded[at + 3] = '2';
+    std::string lines;
+    for (int i = 0; i < 40; ++i) lines += "\t" + std::string(120, 'x') + "\n";
+    padded.insert(padded.find("nas0_1 In  PPPoE PADT"), lines);
+    // A session longer than one block ends the session analysis there.
+    EXPECT_EQ(analyse(chap + padded), 0u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n");
+    // Only 4096 bytes of the whole text are read: its first PADT is beyond.
+    EXPECT_EQ(analyse(padded + chap), 4u);
+    EXPECT_EQ(std::string(zq_diag_msg), "[warn   ]\tInteraction process not found!\n");
+
+    char text[64] = {};
+    text_buffer buffer{text, sizeof(text)};
+    zqlab::write_file("/tmp/capture_file/capture_parse", chap);
+    EXPECT_EQ(zq_file_to_buffer(&buffer, "/tmp/capture_file/capture_parse"), 1);
+    EXPECT_LT(strlen(text), sizeof(text));
+    EXPECT_EQ(zq_file_to_buffer(&buffer, "/tmp/capture_file/none"), 0);
+    EXPECT_EQ(zq_file_to_buffer(nullptr, "/tmp/capture_file/capture_parse"), 0);
+}
+
+TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {
+    std::string block = "nas0_1 In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                        "\t  MRU Option (0x01), length 4: 14921492149214921492\n"
+                        "\t  Auth-Prot Option (0x03), length 5: CHAP, MD5 and a very long tail of text\n";
+    lcp_options lcp{};
+    EXPECT_EQ(parse_lcp_options(block.data(), lcp), 1);
+    EXPECT_STREQ(lcp.mru, "149214921");
+    EXPECT_STREQ(lcp.auth, " CHAP, MD5 and a very long ta");
+    // Sent by the gateway: not the server's options.
+    std::string sent = "nas0_1 Out PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                       "\t  MRU Option (0x01), length 4: 1492\n\t  Auth-Prot Option (0x03), length 5: PAP\n";
+    EXPECT_EQ(parse_lcp_options(sent.data(), lcp), 0);
+
+    std::string ipcp = "nas0_1 In  PPPoE  [ses 0x1] IPCP, Conf-Request (0x01), id 3, length 24\n"
+                       "\t  IP-Addr Option (0x03), length 6: 203.0.113.111111111111111\n"
+                       "\t  Pri-DNS Option (0x81), length 6: 203.0.113.53\n";
+    ipcp_options values{};
+    EXPECT_EQ(parse_ipcp_options(ipcp.data(), values), 0) << "no secondary DNS";
+    EXPECT_STREQ(values.addr, "203.0.113.111111111");
+    EXPECT_STREQ(values.pri_dns, "203.0.113.53");
+
+    service_name name{};
+    EXPECT_EQ(parse_service_name("PADR [Service-Name \"0123456789012345678901234567890123456789\"]", name),
+              1);
+    EXPECT_EQ(std::string(name), "0123456789012345678901234567890123");
+    EXPECT_EQ(parse_service_name("PADR [Service-Name \"\"]", name), 0);
+
+    server_list list{};
+    EXPECT_EQ(server_list_add(list, "isp12"), 1);
+    EXPECT_EQ(server_list_add(list, "isp1"), 0) << "contained in a listed name";
+    for (int i = 0; i < 19; ++i)
+        EXPECT_EQ(server_list_add(list, ("name" + std::to_string(i) + "x").c_str()), 1);
+    EXPECT_EQ(server_list_add(list, "extra"), 1) << "full: new, not kept";
+    EXPECT_EQ(server_list_add(list, "extra"), 1);
+}
+
+} // namespace

@@ -1,0 +1,101 @@
+// Helpers of the protocol method tests: WAN records as wan_status stores
+// them, and fixtures of what tcpdump printed.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "engine/engine.h"
+#include "engine/util.h"
+#include "lab/zqlab.hpp"
+#include "records/records.h"
+
+namespace wanlab {
+
+// Stores a WAN record that is down, as wan_status would (texts cut to
+// their fields).
+inline void store_down_wan(const char *name, const char *ifc, const char *type) {
+    zqSD_wan_diag wan{};
+    zq::copy(wan.wan_name, name);
+    zq::copy(wan.nas_interface, ifc);
+    zq::copy(wan.type, type);
+    zq::copy(wan.protocol, "IPv4");
+    wan.v4_conn_state = zq::contains(type, "ppp") ? WAN_PPP_SERVICE_ERROR : WAN_DHCP_SERVICE_ERROR;
+    zq_diag_record(WAN_DIAG_DATA, &wan, sizeof(wan));
+}
+
+inline const zqSD_wan_diag *wan_record(int position) {
+    const diag_data_node *node = zq_search_diag_record(WAN_DIAG_DATA);
+    for (int i = 0; node && i < position; ++i) node = node->next;
+    return node ? static_cast<const zqSD_wan_diag *>(node->data) : nullptr;
+}
+
+// What changes from one run to the next (transaction ids, IP ids, seconds
+// elapsed, the veth's random MAC address) becomes "N"; the rest is
+// compared as tcpdump printed it.
+inline bool is_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
+inline bool is_mac_at(const std::string &t, size_t i) {
+    if (i + 17 > t.size()) return false;
+    for (size_t k = 0; k < 17; ++k)
+        if (k % 3 == 2 ? t[i + k] != ':' : !is_hex(t[i + k])) return false;
+    return true;
+}
+inline bool is_digit(char c) { return c >= '0' && c <= '9'; }
+inline std::string normalized(const std::string &text) {
+    struct numbered {
+        const char *prefix;
+        bool (*digit)(char);
+        const char *suffix; // must follow the number
+    };
+    static const numbered fields[] = {
+        {"xid 0x", is_hex, ""}, {", id ", is_digit, ", offset"}, {"secs ", is_digit, ""}};
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        if (is_mac_at(text, i)) {
+            out += "N";
+            i += 17;
+            continue;
+        }
+        bool replaced = false;
+        for (const numbered &f : fields) {
+            const size_t n = strlen(f.prefix);
+            if (text.compare(i, n, f.prefix) != 0) continue;
+            size_t end = i + n;
+            while (end < text.size() && f.digit(text[end])) ++end;
+            if (end == i + n || text.compare(end, strlen(f.suffix), f.suffix) != 0) continue;
+            out.append(f.prefix).append("N");
+            i = end;
+            replaced = true;
+            break;
+        }
+        if (!replaced) out += text[i++];
+    }
+    return out;
+}
+
+// The fixture's text; with ZQ_UPDATE_FIXTURES set in the environment it is
+// first rewritten with `actual`.
+inline std::string fixture(const std::string &name, const std::string &actual) {
+    const std::string path = std::string(ZQ_TEST_DIR) + "/fixtures/" + name;
+    if (getenv("ZQ_UPDATE_FIXTURES")) std::ofstream(path) << actual;
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+inline std::string fixture(const std::string &name) {
+    std::ifstream in(std::string(ZQ_TEST_DIR) + "/fixtures/" + name);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+inline std::string decoded_text() { return zqlab::read_file("/tmp/capture_file/capture_parse"); }
+
+} // namespace wanlab
