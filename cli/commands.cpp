@@ -52,14 +52,7 @@ constexpr OptionDef REPAIR_OPTIONS[] = {
 constexpr OptionDef RECORDS_OPTIONS[] = {
     {"json", 0, nullptr, "print JSON instead of text"}, MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
 constexpr OptionDef HELP_ONLY[] = {HELP_OPTION};
-constexpr OptionDef UPLOAD_OPTIONS[] = {
-    {"url", 0, "URL", "the server: ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST[:PORT]"},
-    {"protocol", 0, "ftp|tftp", "transfer protocol (default: the URL's scheme)"},
-    {"wan", 0, "N", "send through WAN connection N, 1 to 8 (default: the default route)"},
-    {"timeout", 0, "SECONDS", "give up waiting after this long (default 120; 1 to 86400)"},
-    HELP_OPTION};
-constexpr unsigned DEFAULT_UPLOAD_TIMEOUT_S = 120;
-constexpr uint32_t MAX_WAN = 8;
+constexpr OptionDef UPLOAD_OPTIONS[] = {URL_OPTION, PROTOCOL_OPTION, WAN_OPTION, UPLOAD_TIMEOUT_OPTION, HELP_OPTION};
 
 // ---- Shared option handling -------------------------------------------------
 
@@ -208,58 +201,10 @@ int run_package(const Command &self, const ParsedArgs &args) {
 
 // ---- upload -----------------------------------------------------------------
 
-// --url, --protocol, --wan and --timeout into `request`; false (with `status`
-// 2) on bad input.
-bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequest &request, int &status) {
-    if (!no_positionals(self, args, status)) return false;
-    const std::string *url = args.value("url");
-    if (!url || url->empty()) {
-        status = usage_error(self, "--url is required");
-        return false;
-    }
-    if (url->size() >= sizeof(diag_exec_ctl::url)) {
-        status = usage_error(self, "the URL is longer than 63 characters");
-        return false;
-    }
-    request.url = *url;
-    request.protocol = url->rfind("tftp://", 0) == 0 ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
-    if (const std::string *protocol = args.value("protocol")) {
-        if (*protocol != "ftp" && *protocol != "tftp") {
-            status = usage_error(self, "bad protocol '" + *protocol + "' (ftp or tftp)");
-            return false;
-        }
-        request.protocol = *protocol == "tftp" ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
-    }
-    if (const std::string *wan = args.value("wan")) {
-        auto number = parse_number(*wan, 1, MAX_WAN);
-        if (!number) {
-            status = usage_error(self, "bad WAN '" + *wan + "' (a number from 1 to 8)");
-            return false;
-        }
-        request.wan = *number;
-    }
-    request.timeout_s = DEFAULT_UPLOAD_TIMEOUT_S;
-    if (const std::string *timeout = args.value("timeout")) {
-        auto number = parse_number(*timeout, 1, MAX_TIMEOUT_S);
-        if (!number) {
-            status = usage_error(self, "bad timeout '" + *timeout + "' (seconds, from 1 to 86400)");
-            return false;
-        }
-        request.timeout_s = *number;
-    }
-    return true;
-}
-
-void print_upload_title(const char *what, const UploadRequest &request) {
-    const std::string route = request.wan ? "WAN " + std::to_string(request.wan) : "the default route";
-    print_title(std::string("Upload of ") + what + " to " + hide_password(request.url) + " (" +
-                (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route + ")");
-}
-
 int run_upload_package(const Command &self, const ParsedArgs &args) {
     UploadRequest request;
     int status = EXIT_OK;
-    if (!read_upload_options(self, args, request, status)) return status;
+    if (!no_positionals(self, args, status) || !read_upload_options(self, args, request, status)) return status;
     print_upload_title("the diagnosis package", request);
     if (zq_packet_diag_file() != 0) {
         warn("nothing to pack: there are no diagnosis files under /tmp/diag_file/ "
@@ -376,8 +321,10 @@ constexpr Command COMMANDS[] = {
      "release: gives the permit back (release_diag_permit). Use it for a permit\n"
      "left behind by a process that died; a running diagnosis loses its permit too.",
      HELP_ONLY, run_permit, false},
-    {"capture", "start [--mode single|rotate] [--interface N] [--detach] | stop | status",
-     "start, stop or show a packet capture",
+    {"capture",
+     "start [--mode single|rotate] [--interface N] [--detach] | stop | status | upload --url URL "
+     "[--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
+     "start, stop, show or upload a packet capture",
      "start: takes the diagnosis permit and starts tcpdump (capture_set), then shows\n"
      "the bytes captured as they grow until Ctrl-C stops the capture, or until it\n"
      "ends by itself (5000 packets); the files are then packed into\n"
@@ -386,6 +333,11 @@ constexpr Command COMMANDS[] = {
      "bytes captured, packs the files and gives the permit back.\n"
      "status: the state, whether tcpdump runs, the permit, and the sizes of the\n"
      "files under /tmp/capture_file/.\n"
+     "upload: asks the library to upload /tmp/capture_file/capture.tar (the upload\n"
+     "action of capture_set): renamed with the time (1161621capt.tar for Jan 16\n"
+     "16:21) and sent as 'zqdiag upload' sends the diagnosis package. Shows the\n"
+     "state as it changes and ends with the name the server stored, or with why the\n"
+     "upload failed (exit status 1).\n"
      "Exit status 3 when the permit is taken.",
      CAPTURE_OPTIONS, run_capture, false},
 };

@@ -15,6 +15,9 @@ namespace zqcli {
 namespace {
 
 constexpr auto POLL = std::chrono::milliseconds(20);
+constexpr unsigned DEFAULT_TIMEOUT_S = 120;
+constexpr uint32_t MAX_TIMEOUT_S = 86400;
+constexpr uint32_t MAX_WAN = 8;
 
 const char *state_name(uint32_t state) {
     switch (state) {
@@ -130,6 +133,52 @@ bool worker_running(const diag_exec_ctl &block) {
 uint32_t block_state(const diag_exec_ctl &block) { return __atomic_load_n(&block.state, __ATOMIC_ACQUIRE); }
 
 } // namespace
+
+bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequest &request, int &status) {
+    const std::string *url = args.value("url");
+    if (!url || url->empty()) {
+        status = usage_error(self, "--url is required");
+        return false;
+    }
+    if (url->size() >= sizeof(diag_exec_ctl::url)) {
+        status = usage_error(self, "the URL is longer than 63 characters");
+        return false;
+    }
+    request.url = *url;
+    request.protocol = url->rfind("tftp://", 0) == 0 ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
+    if (const std::string *protocol = args.value("protocol")) {
+        if (*protocol != "ftp" && *protocol != "tftp") {
+            status = usage_error(self, "bad protocol '" + *protocol + "' (ftp or tftp)");
+            return false;
+        }
+        request.protocol = *protocol == "tftp" ? UPLOAD_PROTOCOL_TFTP : UPLOAD_PROTOCOL_FTP;
+    }
+    if (const std::string *wan = args.value("wan")) {
+        auto number = parse_number(*wan, 1, MAX_WAN);
+        if (!number) {
+            status = usage_error(self, "bad WAN '" + *wan + "' (a number from 1 to 8)");
+            return false;
+        }
+        request.wan = *number;
+    }
+    request.timeout_s = DEFAULT_TIMEOUT_S;
+    if (const std::string *timeout = args.value("timeout")) {
+        auto number = parse_number(*timeout, 1, MAX_TIMEOUT_S);
+        if (!number) {
+            status = usage_error(self, "bad timeout '" + *timeout + "' (seconds, from 1 to 86400)");
+            return false;
+        }
+        request.timeout_s = *number;
+    }
+    return true;
+}
+
+void print_upload_title(const char *what, const UploadRequest &request) {
+    const std::string route = request.wan ? "WAN " + std::to_string(request.wan) : "the default route";
+    const std::string title = std::string("Upload of ") + what + " to " + hide_password(request.url) + " (" +
+                              (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route + ")";
+    say("%s\n", paint(Paint::bold, title).c_str());
+}
 
 std::string hide_password(const std::string &url) {
     const size_t scheme = url.find("//");

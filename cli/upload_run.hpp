@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "commands.hpp"
 #include "zq_diag.h"
 
 namespace zqcli {
@@ -25,6 +26,23 @@ struct UploadTarget {
     uint32_t action;      // the block's upload action
     int (*start)();       // diagnose_set or capture_set
 };
+
+// The options of an upload, shared by 'zqdiag upload' and 'zqdiag capture
+// upload'.
+inline constexpr OptionDef URL_OPTION = {"url", 0, "URL",
+                                         "the server: ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST[:PORT]"};
+inline constexpr OptionDef PROTOCOL_OPTION = {"protocol", 0, "ftp|tftp", "transfer protocol (default: the URL's scheme)"};
+inline constexpr OptionDef WAN_OPTION = {"wan", 0, "N",
+                                         "send through WAN connection N, 1 to 8 (default: the default route)"};
+inline constexpr OptionDef UPLOAD_TIMEOUT_OPTION = {"timeout", 0, "SECONDS",
+                                                    "give up waiting after this long (default 120; 1 to 86400)"};
+
+// --url, --protocol, --wan and --timeout into `request`; false (with
+// `status` 2, the usage error shown) on bad input.
+bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequest &request, int &status);
+
+// The bold title line: what goes where, how.
+void print_upload_title(const char *what, const UploadRequest &request);
 
 // Runs the upload and returns the tool's exit status.
 int run_upload(const UploadTarget &target, const UploadRequest &request);
