@@ -5,11 +5,14 @@
 
 #include <cstring>
 #include <string>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "engine/engine.h"
 #include "engine/util.h"
 #include "lab/zqlab.hpp"
+#include "capture/continuous.h"
 #include "upload/upload.h"
 
 namespace {
@@ -322,6 +325,49 @@ TEST(Naming, RotateModeFilterKeepsTheServerOut) {
     EXPECT_EQ(rotate_mode_init(&other), -1);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("\n![rotate_mode_init"), std::string::npos);
     g_cap_exec = {};
+}
+
+// ---- The continuous upload's event batches ------------------------------------
+
+// One inotify event as the kernel lays it out: header, then the name padded
+// with NULs to `padded` bytes.
+std::string event(uint32_t mask, const std::string &name, uint32_t padded) {
+    uint32_t header[4] = {1, mask, 0, padded};
+    std::string bytes(reinterpret_cast<const char *>(header), sizeof(header));
+    std::string field = name;
+    field.resize(padded, '\0');
+    return bytes + field;
+}
+
+TEST(Continuous, BatchReaderTakesTheFirstClosedCapture) {
+    char name[ZQ_FINISHED_NAME_SIZE] = {};
+    const std::string batch = event(IN_CLOSE_WRITE, "notes.txt", 16) + event(IN_CLOSE_WRITE, "capture.pcap1", 16);
+    ASSERT_EQ(batch.size(), 64u);
+    EXPECT_EQ(find_finished_capture(batch.data(), batch.size(), name), 0);
+    EXPECT_STREQ(name, "capture.pcap1");
+
+    char other[ZQ_FINISHED_NAME_SIZE] = "untouched";
+    const std::string no_capture = event(IN_CLOSE_WRITE, "capture.tar", 16) + event(IN_MODIFY, "capture.pcap0", 16);
+    EXPECT_EQ(find_finished_capture(no_capture.data(), no_capture.size(), other), -1);
+    EXPECT_STREQ(other, "untouched");
+    // An event whose name runs past the batch, and a nameless one.
+    const std::string cut = event(IN_CLOSE_WRITE, "capture.pcap0", 32).substr(0, 40);
+    EXPECT_EQ(find_finished_capture(cut.data(), cut.size(), other), -1);
+    const std::string nameless = event(IN_CLOSE_WRITE, "", 0);
+    EXPECT_EQ(find_finished_capture(nameless.data(), nameless.size(), other), -1);
+    EXPECT_EQ(start_upload_thread(4), -1);
+}
+
+TEST(Continuous, ReadFromARealWatch) {
+    zqlab::run("mkdir -p /tmp/capture_file");
+    const int fd = inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(inotify_add_watch(fd, "/tmp/capture_file/", IN_CLOSE_WRITE), 0);
+    zqlab::write_file("/tmp/capture_file/capture.pcap0", "x");
+    EXPECT_EQ(check_if_file_finish_write(fd), 0);
+    EXPECT_STREQ(finished_capture_file, "capture.pcap0");
+    zqlab::write_file("/tmp/capture_file/capture.tar", "x");
+    EXPECT_EQ(check_if_file_finish_write(fd), -1);
+    close(fd);
 }
 
 } // namespace
