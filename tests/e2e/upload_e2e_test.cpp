@@ -215,4 +215,62 @@ TEST(UploadEndToEnd, WithoutAPackageOnlyAStoredNameIsSent) {
     EXPECT_FALSE(zqlab::file_exists("/tmp/c"));
 }
 
+// ---- The capture archive ----------------------------------------------------
+
+// A single capture of some real traffic, stopped and packed by capture_set.
+void capture_and_pack() {
+    g_cap_exec = {};
+    g_cap_exec.action = 1;
+    ASSERT_EQ(capture_set(), 0);
+    zqlab::run("ping -q -c 3 -i 0.05 192.0.2.1 >/dev/null 2>&1");
+    g_cap_exec.action = 0;
+    ASSERT_EQ(capture_set(), 0);
+    ASSERT_EQ(g_cap_exec.state, EXEC_DONE);
+    ASSERT_TRUE(zqlab::file_exists("/tmp/capture_file/capture.tar"));
+}
+
+Upload upload_capture(const char *url) {
+    snprintf(g_cap_exec.url, sizeof(g_cap_exec.url), "%s", url);
+    g_cap_exec.protocol = UPLOAD_PROTOCOL_FTP;
+    g_cap_exec.wan_mask = FIRST_WAN;
+    g_cap_exec.action = 2;
+    testing::internal::CaptureStdout();
+    const int rc = capture_set();
+    const uint32_t first = g_cap_exec.state;
+    for (int i = 0; rc == 0 && i < 6000 && __atomic_load_n(&g_cap_exec.worker, __ATOMIC_ACQUIRE); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    Upload result{first, g_cap_exec.state, std::string(g_cap_exec.file_name, strnlen(g_cap_exec.file_name, 16)),
+                  testing::internal::GetCapturedStdout()};
+    EXPECT_EQ(rc, 0) << result.log;
+    return result;
+}
+
+TEST(UploadEndToEnd, CaptureArchiveIsStoredWithItsJanuaryName) {
+    zqlab::set("clock.date", "Fri Jan 16 16:21:23 UTC 2026");
+    capture_and_pack();
+    const Upload u = upload_capture(FTP_URL);
+    EXPECT_EQ(u.state_at_start, EXEC_UPLOADING);
+    EXPECT_EQ(u.state, EXEC_UPLOADED) << u.log;
+    EXPECT_EQ(u.file_name, "1161621capt.tar");
+    EXPECT_TRUE(same_file(std::string(FTP_DIR) + "1161621capt.tar", "/tmp/capture_file/1161621capt.tar"));
+    EXPECT_EQ(zqlab::run(std::string("tar -tf ") + FTP_DIR + "1161621capt.tar"), "capture.pcap\n");
+}
+
+TEST(UploadEndToEnd, CaptureArchiveWithoutAClockKeepsItsNameAndNothingIsRemoved) {
+    zqlab::unset("time.synced");
+    capture_and_pack();
+    const Upload first = upload_capture(FTP_URL);
+    EXPECT_EQ(first.state, EXEC_UPLOADED) << first.log;
+    EXPECT_EQ(first.file_name, "capture.tar");
+    EXPECT_TRUE(logged(first, "capture upload rename file error"));
+    EXPECT_TRUE(same_file(std::string(FTP_DIR) + "capture.tar", "/tmp/capture_file/capture.tar"));
+
+    // A new archive: file_name equals the archive's name, so nothing is
+    // removed before it goes.
+    capture_and_pack();
+    const Upload second = upload_capture(FTP_URL);
+    EXPECT_EQ(second.state, EXEC_UPLOADED) << second.log;
+    EXPECT_TRUE(zqlab::file_exists("/tmp/capture_file/capture.tar"));
+}
+
 } // namespace
