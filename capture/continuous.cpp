@@ -66,7 +66,8 @@ void store(uint32_t &v, uint32_t value) { __atomic_store_n(&v, value, __ATOMIC_R
 
 bool claim_uploader() {
     bool idle = false;
-    return __atomic_compare_exchange_n(&uploader_active, &idle, true, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+    return __atomic_compare_exchange_n(&uploader_active, &idle, true, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_ACQUIRE);
 }
 void release_uploader() { __atomic_store_n(&uploader_active, false, __ATOMIC_RELEASE); }
 bool uploader_running() { return __atomic_load_n(&uploader_active, __ATOMIC_ACQUIRE); }

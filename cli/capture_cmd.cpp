@@ -173,11 +173,13 @@ int capture_upload(const Command &self, const ParsedArgs &args) {
 } // namespace
 
 int run_capture(const Command &self, const ParsedArgs &args) {
-    if (args.positionals.size() != 1) return usage_error(self, "name one action: start, stop, status or upload");
+    if (args.positionals.size() != 1)
+        return usage_error(self, "name one action: start, stop, status or upload");
     const std::string &action = args.positionals.front();
     if (action != "start" && (args.has("mode") || args.has("interface") || args.has("detach")))
         return usage_error(self, "--mode, --interface and --detach go with start");
-    if (action != "upload" && (args.has("url") || args.has("protocol") || args.has("wan") || args.has("timeout")))
+    if (action != "upload" &&
+        (args.has("url") || args.has("protocol") || args.has("wan") || args.has("timeout")))
         return usage_error(self, "--url, --protocol, --wan and --timeout go with upload");
     if (action == "start") return capture_start(self, args);
     if (action == "stop") return capture_stop();

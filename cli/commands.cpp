@@ -52,7 +52,8 @@ constexpr OptionDef REPAIR_OPTIONS[] = {
 constexpr OptionDef RECORDS_OPTIONS[] = {
     {"json", 0, nullptr, "print JSON instead of text"}, MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
 constexpr OptionDef HELP_ONLY[] = {HELP_OPTION};
-constexpr OptionDef UPLOAD_OPTIONS[] = {URL_OPTION, PROTOCOL_OPTION, WAN_OPTION, UPLOAD_TIMEOUT_OPTION, HELP_OPTION};
+constexpr OptionDef UPLOAD_OPTIONS[] = {URL_OPTION, PROTOCOL_OPTION, WAN_OPTION, UPLOAD_TIMEOUT_OPTION,
+                                        HELP_OPTION};
 
 // ---- Shared option handling -------------------------------------------------
 
@@ -204,7 +205,8 @@ int run_package(const Command &self, const ParsedArgs &args) {
 int run_upload_package(const Command &self, const ParsedArgs &args) {
     UploadRequest request;
     int status = EXIT_OK;
-    if (!no_positionals(self, args, status) || !read_upload_options(self, args, request, status)) return status;
+    if (!no_positionals(self, args, status) || !read_upload_options(self, args, request, status))
+        return status;
     print_upload_title("the diagnosis package", request);
     if (zq_packet_diag_file() != 0) {
         warn("nothing to pack: there are no diagnosis files under /tmp/diag_file/ "

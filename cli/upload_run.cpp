@@ -176,7 +176,8 @@ bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequ
 void print_upload_title(const char *what, const UploadRequest &request) {
     const std::string route = request.wan ? "WAN " + std::to_string(request.wan) : "the default route";
     const std::string title = std::string("Upload of ") + what + " to " + hide_password(request.url) + " (" +
-                              (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route + ")";
+                              (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route +
+                              ")";
     say("%s\n", paint(Paint::bold, title).c_str());
 }
 

@@ -29,13 +29,14 @@ struct UploadTarget {
 
 // The options of an upload, shared by 'zqdiag upload' and 'zqdiag capture
 // upload'.
-inline constexpr OptionDef URL_OPTION = {"url", 0, "URL",
-                                         "the server: ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST[:PORT]"};
-inline constexpr OptionDef PROTOCOL_OPTION = {"protocol", 0, "ftp|tftp", "transfer protocol (default: the URL's scheme)"};
-inline constexpr OptionDef WAN_OPTION = {"wan", 0, "N",
-                                         "send through WAN connection N, 1 to 8 (default: the default route)"};
-inline constexpr OptionDef UPLOAD_TIMEOUT_OPTION = {"timeout", 0, "SECONDS",
-                                                    "give up waiting after this long (default 120; 1 to 86400)"};
+inline constexpr OptionDef URL_OPTION = {
+    "url", 0, "URL", "the server: ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST[:PORT]"};
+inline constexpr OptionDef PROTOCOL_OPTION = {"protocol", 0, "ftp|tftp",
+                                              "transfer protocol (default: the URL's scheme)"};
+inline constexpr OptionDef WAN_OPTION = {
+    "wan", 0, "N", "send through WAN connection N, 1 to 8 (default: the default route)"};
+inline constexpr OptionDef UPLOAD_TIMEOUT_OPTION = {
+    "timeout", 0, "SECONDS", "give up waiting after this long (default 120; 1 to 86400)"};
 
 // --url, --protocol, --wan and --timeout into `request`; false (with
 // `status` 2, the usage error shown) on bad input.

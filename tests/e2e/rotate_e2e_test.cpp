@@ -59,10 +59,12 @@ TEST(RotateEndToEnd, EveryFinishedFileArrivesAsAValidCaptureInOrder) {
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
     EXPECT_EQ(is_diag_permit_holding(), 1);
     ASSERT_TRUE(wait_until([] { return on_server("transport_test"); }, 10));
-    EXPECT_EQ(zqlab::read_file(std::string(FTP_DIR) + "transport_test"), std::string("Transport test!\0", 16));
+    EXPECT_EQ(zqlab::read_file(std::string(FTP_DIR) + "transport_test"),
+              std::string("Transport test!\0", 16));
 
     make_traffic(150);
-    ASSERT_TRUE(wait_until([] { return on_server("cap_1.pcap"); }, 20)) << zqlab::run(std::string("ls -l ") + FTP_DIR);
+    ASSERT_TRUE(wait_until([] { return on_server("cap_1.pcap"); }, 20))
+        << zqlab::run(std::string("ls -l ") + FTP_DIR);
 
     // The stop packs what is left into capture.tar, and the file that the
     // stop closed goes to the server too.
@@ -102,7 +104,8 @@ TEST(RotateEndToEnd, EveryFinishedFileArrivesAsAValidCaptureInOrder) {
         last_at = at;
     }
     EXPECT_GE(files, 2);
-    EXPECT_GE(zqlab::read_file(std::string(FTP_DIR) + "cap_0.pcap").size(), 1000000u) << "a file rolls over at 1 MB";
+    EXPECT_GE(zqlab::read_file(std::string(FTP_DIR) + "cap_0.pcap").size(), 1000000u)
+        << "a file rolls over at 1 MB";
 
     // The end cleans up after itself.
     EXPECT_EQ(zqlab::pids("tcpdump").size(), 0u);
@@ -114,7 +117,8 @@ TEST(RotateEndToEnd, UnreachableServerEndsTheChainAndGivesThePermitBack) {
     zqlab::scenario("upload-server-down");
     testing::internal::CaptureStdout();
     ASSERT_EQ(start_rotate_capture(), 0);
-    const bool ended = wait_until([] { return __atomic_load_n(&g_cap_exec.state, __ATOMIC_ACQUIRE) == EXEC_IDLE; }, 20);
+    const bool ended =
+        wait_until([] { return __atomic_load_n(&g_cap_exec.state, __ATOMIC_ACQUIRE) == EXEC_IDLE; }, 20);
     ASSERT_TRUE(wait_until(chain_ended, 10));
     const std::string log = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(ended);

@@ -239,7 +239,8 @@ Upload upload_capture(const char *url) {
     const uint32_t first = g_cap_exec.state;
     for (int i = 0; rc == 0 && i < 6000 && __atomic_load_n(&g_cap_exec.worker, __ATOMIC_ACQUIRE); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    Upload result{first, g_cap_exec.state, std::string(g_cap_exec.file_name, strnlen(g_cap_exec.file_name, 16)),
+    Upload result{first, g_cap_exec.state,
+                  std::string(g_cap_exec.file_name, strnlen(g_cap_exec.file_name, 16)),
                   testing::internal::GetCapturedStdout()};
     EXPECT_EQ(rc, 0) << result.log;
     return result;

@@ -9,10 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "capture/continuous.h"
 #include "engine/engine.h"
 #include "engine/util.h"
 #include "lab/zqlab.hpp"
-#include "capture/continuous.h"
 #include "upload/upload.h"
 
 namespace {
@@ -341,13 +341,15 @@ std::string event(uint32_t mask, const std::string &name, uint32_t padded) {
 
 TEST(Continuous, BatchReaderTakesTheFirstClosedCapture) {
     char name[ZQ_FINISHED_NAME_SIZE] = {};
-    const std::string batch = event(IN_CLOSE_WRITE, "notes.txt", 16) + event(IN_CLOSE_WRITE, "capture.pcap1", 16);
+    const std::string batch =
+        event(IN_CLOSE_WRITE, "notes.txt", 16) + event(IN_CLOSE_WRITE, "capture.pcap1", 16);
     ASSERT_EQ(batch.size(), 64u);
     EXPECT_EQ(find_finished_capture(batch.data(), batch.size(), name), 0);
     EXPECT_STREQ(name, "capture.pcap1");
 
     char other[ZQ_FINISHED_NAME_SIZE] = "untouched";
-    const std::string no_capture = event(IN_CLOSE_WRITE, "capture.tar", 16) + event(IN_MODIFY, "capture.pcap0", 16);
+    const std::string no_capture =
+        event(IN_CLOSE_WRITE, "capture.tar", 16) + event(IN_MODIFY, "capture.pcap0", 16);
     EXPECT_EQ(find_finished_capture(no_capture.data(), no_capture.size(), other), -1);
     EXPECT_STREQ(other, "untouched");
     // An event whose name runs past the batch, and a nameless one.
