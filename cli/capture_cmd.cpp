@@ -7,20 +7,25 @@
 #include "console.hpp"
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
+#include "upload_run.hpp"
 #include "zq_diag.h"
 
 namespace zqcli {
 
-const OptionDef CAPTURE_OPTIONS[4] = {
+const OptionDef CAPTURE_OPTIONS[8] = {
     {"mode", 0, "single|rotate", "start: one file of up to 5000 packets (default), or two rotating files"},
     {"interface", 0, "N", "start: 0 all interfaces (default), N the interface of WAN N + 1"},
     {"detach", 0, nullptr, "start: leave the capture running and return"},
+    URL_OPTION,
+    PROTOCOL_OPTION,
+    WAN_OPTION,
+    UPLOAD_TIMEOUT_OPTION,
     {"help", 'h', nullptr, "show this help"},
 };
 
 namespace {
 
-enum : uint32_t { ACTION_STOP = 0, ACTION_START = 1 };
+enum : uint32_t { ACTION_STOP = 0, ACTION_START = 1, CAPTURE_UPLOAD = 2 };
 constexpr uint32_t MAX_INTERFACE_INDEX = 8;
 constexpr useconds_t POLL_US = 200000;
 
@@ -153,17 +158,34 @@ int capture_status() {
     return EXIT_OK;
 }
 
+// Uploads the archive a stopped capture left, through the capture block's
+// upload action.
+int capture_upload(const Command &self, const ParsedArgs &args) {
+    UploadRequest request;
+    int status = EXIT_OK;
+    if (!read_upload_options(self, args, request, status)) return status;
+    print_upload_title("the capture archive", request);
+    const long size = zq_get_file_size("/tmp/capture_file/capture.tar");
+    if (size > 0) say("  archive /tmp/capture_file/capture.tar (%ld bytes)\n", size);
+    return run_upload({"the capture archive", &g_cap_exec, CAPTURE_UPLOAD, capture_set}, request);
+}
+
 } // namespace
 
 int run_capture(const Command &self, const ParsedArgs &args) {
-    if (args.positionals.size() != 1) return usage_error(self, "name one action: start, stop or status");
+    if (args.positionals.size() != 1)
+        return usage_error(self, "name one action: start, stop, status or upload");
     const std::string &action = args.positionals.front();
     if (action != "start" && (args.has("mode") || args.has("interface") || args.has("detach")))
         return usage_error(self, "--mode, --interface and --detach go with start");
+    if (action != "upload" &&
+        (args.has("url") || args.has("protocol") || args.has("wan") || args.has("timeout")))
+        return usage_error(self, "--url, --protocol, --wan and --timeout go with upload");
     if (action == "start") return capture_start(self, args);
     if (action == "stop") return capture_stop();
     if (action == "status") return capture_status();
-    return usage_error(self, "unknown capture action '" + action + "' (start, stop or status)");
+    if (action == "upload") return capture_upload(self, args);
+    return usage_error(self, "unknown capture action '" + action + "' (start, stop, status or upload)");
 }
 
 } // namespace zqcli

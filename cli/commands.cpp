@@ -11,6 +11,7 @@
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
 #include "records_view.hpp"
+#include "upload_run.hpp"
 #include "zq_diag.h"
 
 namespace zqcli {
@@ -51,6 +52,8 @@ constexpr OptionDef REPAIR_OPTIONS[] = {
 constexpr OptionDef RECORDS_OPTIONS[] = {
     {"json", 0, nullptr, "print JSON instead of text"}, MODE_OPTION, TIMEOUT_OPTION, HELP_OPTION};
 constexpr OptionDef HELP_ONLY[] = {HELP_OPTION};
+constexpr OptionDef UPLOAD_OPTIONS[] = {URL_OPTION, PROTOCOL_OPTION, WAN_OPTION, UPLOAD_TIMEOUT_OPTION,
+                                        HELP_OPTION};
 
 // ---- Shared option handling -------------------------------------------------
 
@@ -197,6 +200,25 @@ int run_package(const Command &self, const ParsedArgs &args) {
     return EXIT_OK;
 }
 
+// ---- upload -----------------------------------------------------------------
+
+int run_upload_package(const Command &self, const ParsedArgs &args) {
+    UploadRequest request;
+    int status = EXIT_OK;
+    if (!no_positionals(self, args, status) || !read_upload_options(self, args, request, status))
+        return status;
+    print_upload_title("the diagnosis package", request);
+    if (zq_packet_diag_file() != 0) {
+        warn("nothing to pack: there are no diagnosis files under /tmp/diag_file/ "
+             "(run 'zqdiag diagnose' first)");
+        return EXIT_FINDING_ERROR;
+    }
+    struct stat st {};
+    if (stat(PACKAGE_PATH, &st) == 0)
+        say("  packed %s (%lld bytes)\n", PACKAGE_PATH, static_cast<long long>(st.st_size));
+    return run_upload({"the diagnosis package", &g_diag_exec, 1, diagnose_set}, request);
+}
+
 // ---- permit -----------------------------------------------------------------
 
 struct AlarmBit {
@@ -284,6 +306,16 @@ constexpr Command COMMANDS[] = {
      "(zq_packet_diag_file), then lists the archive's members.\n"
      "Exit status 1 when there was nothing to pack.",
      HELP_ONLY, run_package, false},
+    {"upload", "--url URL [--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
+     "pack the diagnosis files and upload them to a server",
+     "Packs the evidence of the last diagnosis (zq_packet_diag_file) and asks the\n"
+     "library to upload it (the upload action of diagnose_set): the archive is\n"
+     "renamed with the time (11161621dia.tar for Nov 16 16:21), a host route to\n"
+     "the server is added through WAN N for the transfer, and the file is sent\n"
+     "with btftp (TFTP) or wput, falling back to the ftp client (FTP).\n"
+     "Shows the control block's state as it changes and ends with the name the\n"
+     "server stored, or with why the upload failed. Exit status 1 when it failed.",
+     UPLOAD_OPTIONS, run_upload_package, false},
     {"permit", "[status|release]", "show or release the diagnosis permit and the alarm word",
      "status (the default): whether the diagnosis permit is taken, the alarm word\n"
      "with its ALARM_HIGH_CPU and ALARM_HIGH_MEMORY bits, and whether a diagnosis\n"
@@ -291,8 +323,10 @@ constexpr Command COMMANDS[] = {
      "release: gives the permit back (release_diag_permit). Use it for a permit\n"
      "left behind by a process that died; a running diagnosis loses its permit too.",
      HELP_ONLY, run_permit, false},
-    {"capture", "start [--mode single|rotate] [--interface N] [--detach] | stop | status",
-     "start, stop or show a packet capture",
+    {"capture",
+     "start [--mode single|rotate] [--interface N] [--detach] | stop | status | upload --url URL "
+     "[--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
+     "start, stop, show or upload a packet capture",
      "start: takes the diagnosis permit and starts tcpdump (capture_set), then shows\n"
      "the bytes captured as they grow until Ctrl-C stops the capture, or until it\n"
      "ends by itself (5000 packets); the files are then packed into\n"
@@ -301,6 +335,11 @@ constexpr Command COMMANDS[] = {
      "bytes captured, packs the files and gives the permit back.\n"
      "status: the state, whether tcpdump runs, the permit, and the sizes of the\n"
      "files under /tmp/capture_file/.\n"
+     "upload: asks the library to upload /tmp/capture_file/capture.tar (the upload\n"
+     "action of capture_set): renamed with the time (1161621capt.tar for Jan 16\n"
+     "16:21) and sent as 'zqdiag upload' sends the diagnosis package. Shows the\n"
+     "state as it changes and ends with the name the server stored, or with why the\n"
+     "upload failed (exit status 1).\n"
      "Exit status 3 when the permit is taken.",
      CAPTURE_OPTIONS, run_capture, false},
 };

@@ -5,22 +5,37 @@
 
 #include "engine/util.h"
 
+namespace {
+
 // Each line is formatted into one buffer and written with a single call, so
 // lines of concurrent threads do not interleave inside a line.
-void zq_log_line(const char *func, int line, const char *fmt, ...) {
+void write_log_line(const char *lead, const char *func, int line, const char *fmt, va_list ap) {
     char buf[1024];
-    int n = ZQ_FORMAT(buf, "![%s %d] ", func ? func : "?", line);
+    int n = ZQ_FORMAT(buf, "%s![%s %d] ", lead, func ? func : "?", line);
     if (n < 0 || static_cast<size_t>(n) >= sizeof(buf)) n = 0;
-    va_list ap;
-    va_start(ap, fmt);
     int m = vsnprintf(buf + n, sizeof(buf) - static_cast<size_t>(n), fmt, ap);
-    va_end(ap);
     size_t len = static_cast<size_t>(n);
     if (m > 0) len += static_cast<size_t>(m);
     if (len > sizeof(buf) - 2) len = sizeof(buf) - 2;
     buf[len++] = '\n';
     fwrite(buf, 1, len, stdout);
     fflush(stdout);
+}
+
+} // namespace
+
+void zq_log_line(const char *func, int line, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    write_log_line("", func, line, fmt, ap);
+    va_end(ap);
+}
+
+void zq_log_line_break(const char *func, int line, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    write_log_line("\n", func, line, fmt, ap);
+    va_end(ap);
 }
 
 void zq_log_plain(const char *fmt, ...) {

@@ -9,6 +9,7 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "records/records.h"
+#include "upload/upload.h"
 
 diag_exec_ctl g_diag_exec;
 diag_exec_ctl g_cap_exec;
@@ -49,16 +50,16 @@ void *diagnose_execution(void *) {
     return nullptr;
 }
 
-// The running state is written before the worker starts, so a worker that
+// The worker's first state is written before it starts, so a worker that
 // ends at once always leaves its own end state behind. If the thread cannot
 // be started, the block is put back as it was.
-int start_diagnose_worker() {
+int start_diagnose_worker(void *(*worker)(void *), uint32_t first_state, const char *failure) {
     const uint32_t previous = get_state(g_diag_exec);
-    set_state(g_diag_exec, EXEC_RUNNING);
-    if (pthread_create(&g_diag_exec.worker, nullptr, diagnose_execution, nullptr) != 0) {
+    set_state(g_diag_exec, first_state);
+    if (pthread_create(&g_diag_exec.worker, nullptr, worker, nullptr) != 0) {
         clear_worker(g_diag_exec);
         set_state(g_diag_exec, previous);
-        ZQ_LOG("pthread_create fail - diagnose_execution");
+        ZQ_LOG("%s", failure);
         return -1;
     }
     return 0;
@@ -87,10 +88,11 @@ int diagnose_set() {
     }
     switch (g_diag_exec.action) {
     case ACTION_RUN:
-        return start_diagnose_worker();
+        return start_diagnose_worker(diagnose_execution, EXEC_RUNNING,
+                                     "pthread_create fail - diagnose_execution");
     case ACTION_UPLOAD:
-        ZQ_LOG("diagnosis upload is not available in this build");
-        return -1;
+        return start_diagnose_worker(diagnose_upload, EXEC_UPLOADING,
+                                     "pthread_create fail - diagnose_upload");
     default:
         ZQ_LOG("invalid action");
         return -1;

@@ -121,17 +121,20 @@ inline bool is_ascii_alnum(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
+// True when `s` is a non-empty word of letters, digits and the characters
+// of `extra` only. Text that goes into a shell command is checked against
+// the word class of its field; what fails is refused, never escaped.
+inline bool is_word_of(std::string_view s, std::string_view extra) {
+    if (s.empty()) return false;
+    for (char c : s)
+        if (!is_ascii_alnum(c) && extra.find(c) == std::string_view::npos) return false;
+    return true;
+}
+
 // True when `s` is a non-empty word that can stand unquoted in a shell
 // command: letters, digits and _ . - / : only. Names and keys that callers
 // hand to the library's command templates are checked with it.
-inline bool is_shell_word(std::string_view s) {
-    if (s.empty()) return false;
-    for (char c : s) {
-        bool ok = is_ascii_alnum(c) || c == '_' || c == '.' || c == '-' || c == '/' || c == ':';
-        if (!ok) return false;
-    }
-    return true;
-}
+inline bool is_shell_word(std::string_view s) { return is_word_of(s, "_.-/:"); }
 
 // True when `s` is a plain address, host name or interface name: what may
 // stand as ping's host or follow its -I. Letters and digits, then also

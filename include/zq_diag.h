@@ -315,6 +315,10 @@ ZQ_EXPORT long packet_capture_file(void);
 ZQ_EXPORT long zq_get_file_size(const char *path);
 ZQ_EXPORT uint64_t get_max_size_of_tcpdump_file(void);
 
+/* Continuous upload of rotate mode: starts the chain of threads that sends
+ * every capture file tcpdump finishes (capture_set starts it itself). */
+ZQ_EXPORT void start_tcpdump_continue_uploading(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -1,8 +1,74 @@
-// Internal interface of the uploads: the workers that send a finished
-// diagnosis or capture archive.
+// Internal interface of the upload subsystem: the transfer of one file to a
+// TFTP or FTP server, the naming of the archives, the upload workers of the
+// two control blocks, and the checks that keep outside text out of shells.
 #pragma once
 
-// The capture upload worker, started by capture_set with the capture
-// block's worker as its handle. Detaches itself; at its end sets the
-// block's state (3 sent, 5 failed), file_name, and clears worker.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "zq_diag.h"
+
+// ---- File upload -----------------------------------------------------------
+int zq_file_upload(upload_params p);
+int wput_url_parse(upload_params *p);
+// The parser with the name resolution passed in (wput_url_parse passes
+// resolve_host, which asks the system's resolver for a name).
+using host_resolver = int (*)(std::string_view name, char (&out)[sizeof(upload_params::host)]);
+int parse_upload_url(upload_params *p, host_resolver resolve);
+int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]);
+int url_add_slash(upload_params *p);
+int upload_action(upload_params *p);
+int tftp_upload(upload_params *p);
+int ftp_upload(upload_params *p);
+int wput_upload(upload_params *p);
+int run_ftp_sh(upload_params *p);
+int add_upload_route(upload_params *p);
+int del_upload_route(upload_params *p);
+constexpr const char *ZQ_FTP_SCRIPT_PATH = "/tmp/run_ftp.sh";
+
+// ---- Naming and settings ---------------------------------------------------
+// The upload workers, started by diagnose_set and capture_set with their
+// block's worker as handle. Each detaches itself; at its end it sets the
+// block's state (3 sent, 5 failed) and file_name, and clears worker.
+void *diagnose_upload(void *);
 void *capture_upload(void *);
+void diagnose_upload_setting(upload_params *p);
+void capture_upload_setting(upload_params *p);
+int zq_get_timestamps(char *out);
+int is_time_synced();
+int zq_get_month_num(const char *name);
+int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t mode, uint64_t max_len);
+// The renaming rule alone: the new full path of `src` with `stamp` in
+// `dst` (128 bytes), 0; or -1 (logged) when the name cannot be made, `dst`
+// then holding `src`.
+int stamped_path(std::string_view src, std::string_view stamp, uint32_t mode, uint64_t max_len, char *dst);
+int get_wan_index(uint8_t mask);
+int rotate_mode_init(tcpdump_req *req);
+constexpr const char *ZQ_TIME_STATUS_PATH = "/tmp/timeStatus";
+// The size `out` of zq_get_timestamps must have.
+constexpr size_t ZQ_TIMESTAMP_SIZE = 100;
+// Reads the timestamp from the text `date` printed; the parsing half of
+// zq_get_timestamps. 0, or -1 with `out` untouched.
+int timestamp_from_date(std::string_view date, char (&out)[ZQ_TIMESTAMP_SIZE]);
+
+// ---- Outside text ------------------------------------------------------------
+// Every piece of text that an upload puts into a shell command or into the
+// FTP script has a word class; `accept_upload_word` refuses (with a log line
+// naming `field`) whatever is not one plain word of its class.
+enum class upload_word : uint8_t {
+    url,         // the whole URL: scheme, credentials, host, port and path characters
+    credential,  // FTP user name or password
+    host,        // host name or address
+    port,        // decimal port number
+    server_path, // directory on the server, from '/'
+    local_path,  // full path of a file on the gateway
+    file_name,   // one name without a directory
+};
+bool accept_upload_word(const char *caller, upload_word kind, const char *field, std::string_view text);
+
+// Formats a shell command into `cmd`; a command that does not fit is refused
+// with a log line (false), so a cut path or name is never run.
+[[gnu::format(printf, 4, 5)]] bool format_cmd(const char *caller, char *cmd, size_t size, const char *fmt,
+                                              ...);
+#define ZQ_FORMAT_CMD(cmd, ...) format_cmd(__func__, (cmd), sizeof(cmd), __VA_ARGS__)

@@ -1,0 +1,259 @@
+// Continuous capture upload: in rotate mode tcpdump writes two files in
+// turn, and every file it closes is sent to the upload server at once as
+// cap_0.pcap, cap_1.pcap, ... A chain of short detached threads does it: a
+// start thread checks that the server can be reached, a watcher waits for
+// finished files, an uploader sends them, and an end thread stops and
+// cleans up.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include "capture/capture.h"
+#include "capture/continuous.h"
+#include "engine/engine.h"
+#include "engine/exec_block.h"
+#include "engine/log.h"
+#include "engine/util.h"
+#include "upload/upload.h"
+
+char finished_capture_file[ZQ_FINISHED_NAME_SIZE];
+uint32_t capture_upload_count;
+upload_params continue_upload_params;
+
+namespace {
+
+constexpr const char *TRANSPORT_TEST_PATH = "/tmp/transport_test";
+constexpr char TRANSPORT_TEST_TEXT[] = "Transport test!"; // written with its NUL: 16 bytes
+static_assert(sizeof(TRANSPORT_TEST_TEXT) == 16);
+constexpr size_t EVENT_BATCH_SIZE = 64;
+constexpr size_t EVENT_HEADER_SIZE = 16;
+constexpr unsigned FINISH_POLL_US = 100000;
+constexpr unsigned FINISH_POLLS = 30; // transfers still running get 3 seconds
+
+struct upload_thread {
+    uint32_t id;
+    void *(*fn)(void *);
+};
+
+const upload_thread upload_thread_table[] = {
+    {0, continue_upload_begin},
+    {1, watch_capture_dir},
+    {2, tcpdump_file_upload},
+    {3, watch_finish},
+};
+
+// The uploads are serialised: one uploader at a time sends the finished
+// files in the order the watcher found them. The shared parameter block
+// holds one local and one remote name, and a transfer reads them while it
+// runs (wput, btftp and the FTP script take them from it); were a second
+// upload started beside it, it would rewrite them under the first. So the
+// watcher only queues the name and starts an uploader when none is active;
+// the active uploader drains the queue. The watcher alone advances
+// `queue_head`, the uploader alone `queue_tail`; `uploader_active` passes
+// the role on without a lock.
+constexpr uint32_t QUEUE_SLOTS = 8;
+char queued_files[QUEUE_SLOTS][ZQ_FINISHED_NAME_SIZE];
+uint32_t queue_head;
+uint32_t queue_tail;
+bool uploader_active;
+
+uint32_t load(const uint32_t &v) { return __atomic_load_n(&v, __ATOMIC_ACQUIRE); }
+void store(uint32_t &v, uint32_t value) { __atomic_store_n(&v, value, __ATOMIC_RELEASE); }
+
+bool claim_uploader() {
+    bool idle = false;
+    return __atomic_compare_exchange_n(&uploader_active, &idle, true, false, __ATOMIC_ACQ_REL,
+                                       __ATOMIC_ACQUIRE);
+}
+void release_uploader() { __atomic_store_n(&uploader_active, false, __ATOMIC_RELEASE); }
+bool uploader_running() { return __atomic_load_n(&uploader_active, __ATOMIC_ACQUIRE); }
+
+// Queues the file the watcher found and makes sure an uploader runs.
+void queue_finished_file() {
+    const uint32_t head = load(queue_head);
+    if (head - load(queue_tail) >= QUEUE_SLOTS) {
+        ZQ_LOG("upload queue is full, %s is not sent", finished_capture_file);
+        return;
+    }
+    zq::copy(queued_files[head % QUEUE_SLOTS], finished_capture_file);
+    store(queue_head, head + 1);
+    if (claim_uploader() && start_upload_thread(2) != 0) release_uploader();
+}
+
+bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
+
+} // namespace
+
+int th_create(void *(*fn)(void *)) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t thread{};
+    const int rc = pthread_create(&thread, &attr, fn, nullptr);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+        ZQ_LOG_BREAK("!create pthread fail");
+        return -1;
+    }
+    return 0;
+}
+
+int start_upload_thread(uint32_t id) {
+    for (const upload_thread &entry : upload_thread_table)
+        if (entry.id == id) return th_create(entry.fn);
+    return -1;
+}
+
+void start_tcpdump_continue_uploading() { start_upload_thread(0); }
+
+int start_rotate_capture(tcpdump_req req) {
+    req.catch_count = get_max_size_of_tcpdump_file();
+    if (rotate_mode_init(&req) != 0) return -1;
+    if (zq_get_tcpdump_file(req) != 0) return -1;
+    start_tcpdump_continue_uploading();
+    return 0;
+}
+
+int transport_test() {
+    const int fd = open(TRANSPORT_TEST_PATH, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        ZQ_LOG("Create test file fail");
+        return -1;
+    }
+    const bool written = write(fd, TRANSPORT_TEST_TEXT, sizeof(TRANSPORT_TEST_TEXT)) ==
+                         static_cast<ssize_t>(sizeof(TRANSPORT_TEST_TEXT));
+    close(fd);
+    if (!written) {
+        ZQ_LOG("Create test file fail");
+        return -1;
+    }
+    upload_params &p = continue_upload_params;
+    p.wan_index = static_cast<uint8_t>(get_wan_index(g_cap_exec.wan_mask));
+    p.protocol = g_cap_exec.protocol;
+    zq::copy(p.url, g_cap_exec.url);
+    zq::copy(p.local_file, TRANSPORT_TEST_PATH);
+    zq::copy(p.remote_file, "transport_test");
+    if (wput_url_parse(&p) != 0) {
+        ZQ_LOG("url parse error");
+        return -1;
+    }
+    if (add_upload_route(&p) != 0) return -1;
+    return upload_action(&p);
+}
+
+void *continue_upload_begin(void *) {
+    memset(finished_capture_file, 0, sizeof(finished_capture_file));
+    memset(&continue_upload_params, 0, sizeof(continue_upload_params));
+    store(capture_upload_count, 0);
+    start_upload_thread(transport_test() == 0 ? 1 : 3);
+    return nullptr;
+}
+
+int find_finished_capture(const char *batch, size_t size, char (&name)[ZQ_FINISHED_NAME_SIZE]) {
+    size_t offset = 0;
+    while (batch && size - offset >= EVENT_HEADER_SIZE) {
+        // The header: watch descriptor, mask, cookie, name length.
+        uint32_t header[4] = {};
+        memcpy(header, batch + offset, sizeof(header));
+        const uint32_t mask = header[1];
+        const uint32_t length = header[3];
+        offset += EVENT_HEADER_SIZE;
+        if (length > size - offset) break; // a cut event: nothing after it can be read
+        const std::string_view event_name(batch + offset, strnlen(batch + offset, length));
+        offset += length;
+        if ((mask & IN_CLOSE_WRITE) && length != 0 && zq::contains(event_name, ".pcap")) {
+            zq::copy(name, event_name);
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int check_if_file_finish_write(int fd) {
+    alignas(inotify_event) char batch[EVENT_BATCH_SIZE] = {};
+    ssize_t n = 0;
+    do {
+        n = read(fd, batch, sizeof(batch));
+    } while (n < 0 && errno == EINTR);
+    if (n <= 0) {
+        ZQ_LOG_BREAK("read fail or empty result");
+        return -1;
+    }
+    return find_finished_capture(batch, static_cast<size_t>(n), finished_capture_file);
+}
+
+void *watch_capture_dir(void *) {
+    const int fd = inotify_init1(IN_CLOEXEC);
+    if (fd < 0) return nullptr;
+    const int watch = inotify_add_watch(fd, ZQ_CAPTURE_DIR, IN_CLOSE_WRITE);
+    if (watch < 0) {
+        close(fd);
+        return nullptr;
+    }
+    while (tcpdump_running()) {
+        if (check_if_file_finish_write(fd) != 0) break;
+        queue_finished_file();
+    }
+    inotify_rm_watch(fd, watch);
+    close(fd);
+    start_upload_thread(3);
+    return nullptr;
+}
+
+int upload_capture_file(const char *name) {
+    upload_params &p = continue_upload_params;
+    char local[sizeof(p.local_file)] = {};
+    char remote[sizeof(p.remote_file)] = {};
+    if (!ZQ_FORMAT_CMD(local, "/tmp/capture_file/%s", name) ||
+        !ZQ_FORMAT_CMD(remote, "cap_%u.pcap", load(capture_upload_count)))
+        return -1;
+    zq::copy(p.local_file, zq::view(local));
+    zq::copy(p.remote_file, zq::view(remote));
+    add_upload_route(&p);
+    return upload_action(&p);
+}
+
+void *tcpdump_file_upload(void *) {
+    for (;;) {
+        while (load(queue_tail) != load(queue_head)) {
+            const uint32_t tail = load(queue_tail);
+            const uint32_t number = load(capture_upload_count);
+            if (upload_capture_file(queued_files[tail % QUEUE_SLOTS]) != 0)
+                ZQ_LOG("upload [capture %u] fail\n", number);
+            store(capture_upload_count, number + 1);
+            store(queue_tail, tail + 1);
+        }
+        release_uploader();
+        // A file queued after the last look and before the release would
+        // find no uploader: take the role back for it, unless the watcher
+        // has started a new uploader meanwhile.
+        if (load(queue_tail) == load(queue_head) || !claim_uploader()) return nullptr;
+    }
+}
+
+void *watch_finish(void *) {
+    // A tcpdump still running is stopped here. One that is gone was stopped
+    // by the user's stop request, which packs the remaining files into
+    // capture.tar while the block still reads "capturing": the files are
+    // removed only after that, and after the transfers still running, for
+    // 3 seconds at most.
+    const bool stopped_here = tcpdump_running();
+    if (stopped_here) {
+        stop_tcpdump_catch();
+        release_diag_permit();
+    }
+    const auto busy = [stopped_here] {
+        return uploader_running() || zq_get_pid("ftp") != 0 ||
+               (!stopped_here && zq::get_state(g_cap_exec) == EXEC_RUNNING);
+    };
+    for (unsigned i = 0; i < FINISH_POLLS && busy(); ++i) usleep(FINISH_POLL_US);
+    zq_system("rm /tmp/capture_file/*");
+    if (zq::get_state(g_cap_exec) == EXEC_RUNNING) zq::set_state(g_cap_exec, EXEC_IDLE);
+    ZQ_LOG_BREAK("tcpdump rotate mode done");
+    del_upload_route(&continue_upload_params);
+    return nullptr;
+}
