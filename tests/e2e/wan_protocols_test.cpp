@@ -19,6 +19,9 @@ struct Outcome {
     const char *findings; // the step's section of the diagnosis log
 };
 
+// The scenario, not a dump of the struct, in test listings.
+void PrintTo(const Outcome &o, std::ostream *os) { *os << o.scenario; }
+
 constexpr const char *PPP = "[error  ]2_INTERNET_R_VID_200[ipv4] PPPoE:\n";
 constexpr const char *DHCP = "[error  ]1_TR069_INTERNET_R_VID_100[ipv4] DHCP:\n";
 

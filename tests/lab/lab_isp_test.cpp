@@ -124,14 +124,16 @@ TEST(Isp, PingImpairmentsAreDeterministic) {
     const int want[] = {10, 50, 80, 20, 30};
     for (size_t i = 0; i < 5; i++) {
         EXPECT_GE(ms[i], want[i]) << out;
-        EXPECT_LT(ms[i], want[i] + 40) << out << " (a busy machine adds a little)";
+        // A loaded machine adds scheduling delays, but never the next delay's worth.
+        EXPECT_LT(ms[i], want[i] + 500) << out;
     }
     EXPECT_EQ(zqlab::isp_run("cat /proc/sys/net/ipv4/icmp_echo_ignore_all"), "1\n");
-    std::vector<int> root = reply_times(zqlab::run("ping -4 192.5.5.241 -c 1 -W 1 -I 192.0.2.10"));
-    // Answered by the kernel, without the responder's delays (a loaded
-    // machine may still take a few milliseconds).
+    // Other addresses are answered by the kernel, without the responder's
+    // delays: far below the 800 ms that the responder would add.
+    zqlab::set("isp.ping.192.0.2.1", "delay 800");
+    std::vector<int> root = reply_times(zqlab::run("ping -4 192.5.5.241 -c 1 -W 2 -I 192.0.2.10"));
     ASSERT_EQ(root.size(), 1u) << "other addresses are answered";
-    EXPECT_LT(root[0], 10) << "other addresses are answered without a delay";
+    EXPECT_LT(root[0], 400) << "other addresses are answered without a delay";
 
     // Every second request dropped (the first of each pair), combined with
     // a delay.

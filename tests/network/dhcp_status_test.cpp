@@ -18,6 +18,9 @@ struct DhcpCase {
     const char *findings; // after the heading
 };
 
+// The case name, not a dump of the struct, in test listings.
+void PrintTo(const DhcpCase &c, std::ostream *os) { *os << c.name; }
+
 const DhcpCase CASES[] = {
     {"server_answers", "dhcp-server", 0, "[normal ]\tDhcp server responded\n"},
     {"no_server", "dhcp-no-server", 2, "[warn   ]\tNo dhcp server responded\n"},

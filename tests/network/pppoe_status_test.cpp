@@ -18,6 +18,9 @@ struct PppoeCase {
     const char *findings; // after the heading
 };
 
+// The case name, not a dump of the struct, in test listings.
+void PrintTo(const PppoeCase &c, std::ostream *os) { *os << c.name; }
+
 const PppoeCase CASES[] = {
     {"no_concentrator", 5,
      "[warn   ]\tNo servers respond!\n[warn   ]\tIt has a specified service-name: isp1\n"},
