@@ -35,8 +35,10 @@ inline const zqSD_wan_diag *wan_record(int position) {
     return node ? static_cast<const zqSD_wan_diag *>(node->data) : nullptr;
 }
 
-// What changes from one run to the next (transaction ids, IP ids, seconds
-// elapsed, the veth's random MAC address) becomes "N"; the rest is
+// What changes from one run to the next (transaction ids, IP ids, the
+// veth's random MAC address) becomes "N"; the seconds a DHCP client has
+// been trying go altogether (tcpdump leaves them out while they are 0, and a
+// loaded machine can take a second between two packets); the rest is
 // compared as tcpdump printed it.
 inline bool is_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
 inline bool is_mac_at(const std::string &t, size_t i) {
@@ -51,9 +53,11 @@ inline std::string normalized(const std::string &text) {
         const char *prefix;
         bool (*digit)(char);
         const char *suffix; // must follow the number
+        const char *shown;  // what stands for prefix and number
     };
-    static const numbered fields[] = {
-        {"xid 0x", is_hex, ""}, {", id ", is_digit, ", offset"}, {"secs ", is_digit, ""}};
+    static const numbered fields[] = {{"xid 0x", is_hex, "", "xid 0xN"},
+                                      {", id ", is_digit, ", offset", ", id N"},
+                                      {", secs ", is_digit, "", ""}};
     std::string out;
     for (size_t i = 0; i < text.size();) {
         if (is_mac_at(text, i)) {
@@ -68,7 +72,7 @@ inline std::string normalized(const std::string &text) {
             size_t end = i + n;
             while (end < text.size() && f.digit(text[end])) ++end;
             if (end == i + n || text.compare(end, strlen(f.suffix), f.suffix) != 0) continue;
-            out.append(f.prefix).append("N");
+            out.append(f.shown);
             i = end;
             replaced = true;
             break;
