@@ -82,6 +82,34 @@ inline std::string normalized(const std::string &text) {
     return out;
 }
 
+// The decoded packets with each run of retries kept once: how many times a
+// client repeats a request within the capture depends on how fast a loaded
+// machine runs it. A packet is a line that starts without a blank and the
+// lines under it; two packets are the same when they differ only in the
+// PPP identifier that each retry counts up.
+inline std::string without_retries(const std::string &text) {
+    std::string out, last;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = at;
+        do {
+            end = text.find('\n', end);
+            end = end == std::string::npos ? text.size() : end + 1;
+        } while (end < text.size() && (text[end] == ' ' || text[end] == '\t'));
+        std::string packet = text.substr(at, end - at), key = packet;
+        const size_t id = key.find("), id ");
+        if (id != std::string::npos) {
+            size_t digits = id + 6;
+            while (digits < key.size() && is_digit(key[digits])) ++digits;
+            key.replace(id + 6, digits - (id + 6), "N");
+        }
+        if (key != last) out += packet;
+        last = key;
+        at = end;
+    }
+    return out;
+}
+
 // The fixture's text; with ZQ_UPDATE_FIXTURES set in the environment it is
 // first rewritten with `actual`.
 inline std::string fixture(const std::string &name, const std::string &actual) {
