@@ -30,6 +30,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench/bench_lab.hpp"
 #include "zq_diag.h"
 #include "zqlab.hpp"
 
@@ -155,15 +156,7 @@ int main(int argc, char **argv) {
         }
     }
     if (runs < 1) runs = 1;
-    if (!zqlab::inside()) {
-        std::vector<char *> args = {const_cast<char *>(ZQ_LAB_RUN), const_cast<char *>("--scenario"),
-                                    const_cast<char *>("healthy-gpon"), const_cast<char *>("--")};
-        for (int i = 0; i < argc; ++i) args.push_back(argv[i]);
-        args.push_back(nullptr);
-        execv(ZQ_LAB_RUN, args.data());
-        perror("diag_bench: cannot start the lab");
-        return 1;
-    }
+    bench::enter_lab(argc, argv, "healthy-gpon", "diag_bench");
     // The library's technical log lines go to /dev/null, not the table.
     fflush(stdout);
     FILE *table = fdopen(dup(STDOUT_FILENO), "w");
