@@ -173,11 +173,12 @@ void count_allocations(uint32_t mode, FILE *out) {
     fprintf(out, "heap allocations of one whole diagnosis, mode %u\n", mode);
     fprintf(out, "  records stored (the chain)           %6d\n", records);
     fprintf(out, "  commands run / printed >= 4096 bytes %6d / %d\n", command_count, longer);
-    fprintf(out, "  library: nodes %d, record copies %d, scratch buffers %d, other %d; frees %d\n", nodes, copies,
-            scratch, other, frees);
+    fprintf(out, "  library: nodes %d, record copies %d, scratch buffers %d, other %d; frees %d\n", nodes,
+            copies, scratch, other, frees);
     fprintf(out, "  libc on the library's behalf (popen, fopen, ...): %d\n", libc);
-    fprintf(out, "allocations per diagnosis: %d (goal 2 x %d records + %d wrapped outputs = %d: %s)\n", allocated,
-            records, scratch, goal, allocated == goal && nodes == records && copies == records ? "met" : "missed");
+    fprintf(out, "allocations per diagnosis: %d (goal 2 x %d records + %d wrapped outputs = %d: %s)\n",
+            allocated, records, scratch, goal,
+            allocated == goal && nodes == records && copies == records ? "met" : "missed");
 }
 
 long resident_kib() {
@@ -207,10 +208,10 @@ void measure_rss(int runs, uint32_t mode, FILE *out) {
     // (pages touched for the first time) is shown beside it.
     const long growth_pages = (end - after_100) / page_kib;
     fprintf(out, "RSS over %d whole diagnoses, mode %u, in one process (KiB)\n", runs, mode);
-    fprintf(out, "  start %ld, after 10 %ld, after 100 %ld, end %ld (start to end: %ld pages)\n", start, after_10,
-            after_100, end, (end - start) / page_kib);
-    fprintf(out, "RSS growth from run 100 to run %d: %ld pages (goal flat, within 4 pages: %s)\n", runs, growth_pages,
-            growth_pages <= 4 ? "met" : "missed");
+    fprintf(out, "  start %ld, after 10 %ld, after 100 %ld, end %ld (start to end: %ld pages)\n", start,
+            after_10, after_100, end, (end - start) / page_kib);
+    fprintf(out, "RSS growth from run 100 to run %d: %ld pages (goal flat, within 4 pages: %s)\n", runs,
+            growth_pages, growth_pages <= 4 ? "met" : "missed");
 }
 
 } // namespace

@@ -146,7 +146,8 @@ struct Race {
         if (capture_counted.exchange(false)) leave();
         g_cap_exec.action = CAPTURE_STOP;
         capture_set();
-        for (int i = 0; i < 60000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE) != 0; ++i) usleep(1000);
+        for (int i = 0; i < 60000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE) != 0; ++i)
+            usleep(1000);
         check_permit_value();
     }
 };
