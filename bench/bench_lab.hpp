@@ -24,4 +24,17 @@ inline void enter_lab(int argc, char **argv, const char *scenario, const char *n
     _exit(1);
 }
 
+// The library's technical log lines go to standard output; they are sent
+// to /dev/null, and the benchmark's own report to the stream returned (the
+// former standard output), or null when that fails.
+inline FILE *report_stream() {
+    fflush(stdout);
+    FILE *report = fdopen(dup(STDOUT_FILENO), "w");
+    if (report && !freopen("/dev/null", "w", stdout)) {
+        fclose(report);
+        return nullptr;
+    }
+    return report;
+}
+
 } // namespace bench

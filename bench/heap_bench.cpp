@@ -236,10 +236,8 @@ int main(int argc, char **argv) {
     }
     if (runs < 100) runs = 100;
     bench::enter_lab(argc, argv, "healthy-gpon", "heap_bench");
-    // The library's technical log lines go to /dev/null, not the report.
-    fflush(stdout);
-    FILE *report = fdopen(dup(STDOUT_FILENO), "w");
-    if (!report || !freopen("/dev/null", "w", stdout)) return 1;
+    FILE *report = bench::report_stream();
+    if (!report) return 1;
     if (allocations_part) count_allocations(mode, report);
     if (rss_part) measure_rss(runs, mode, report);
     fclose(report);

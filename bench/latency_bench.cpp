@@ -64,9 +64,8 @@ int main(int argc, char **argv) {
     }
     if (calls < 1) calls = 1;
     bench::enter_lab(argc, argv, "pon-unregistered", "latency_bench");
-    fflush(stdout);
-    FILE *report = fdopen(dup(STDOUT_FILENO), "w");
-    if (!report || !freopen("/dev/null", "w", stdout)) return 1;
+    FILE *report = bench::report_stream();
+    if (!report) return 1;
 
     g_diag_exec = {};
     g_diag_exec.mode = mode;
