@@ -31,8 +31,9 @@ namespace {
 
 constexpr int PROCESSES = 2;
 constexpr int THREADS = 8;
-// Calls of the entry points in all, both processes together; ZQ_RACE_CALLS
-// lowers it where the build runs under an emulator.
+// Calls of the entry points in all, both processes together. ZQ_RACE_CALLS
+// sets another count for a run that finds this too slow (the whole race
+// takes about 3 s natively and under qemu-user alike).
 constexpr long DEFAULT_CALLS = 10000;
 // Rounds of one capture cycle: captures are asked to start in its first
 // rounds and to stop in all the others. A capture start and stop costs most
