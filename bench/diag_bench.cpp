@@ -30,6 +30,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench/bench_lab.hpp"
 #include "zq_diag.h"
 #include "zqlab.hpp"
 
@@ -155,19 +156,9 @@ int main(int argc, char **argv) {
         }
     }
     if (runs < 1) runs = 1;
-    if (!zqlab::inside()) {
-        std::vector<char *> args = {const_cast<char *>(ZQ_LAB_RUN), const_cast<char *>("--scenario"),
-                                    const_cast<char *>("healthy-gpon"), const_cast<char *>("--")};
-        for (int i = 0; i < argc; ++i) args.push_back(argv[i]);
-        args.push_back(nullptr);
-        execv(ZQ_LAB_RUN, args.data());
-        perror("diag_bench: cannot start the lab");
-        return 1;
-    }
-    // The library's technical log lines go to /dev/null, not the table.
-    fflush(stdout);
-    FILE *table = fdopen(dup(STDOUT_FILENO), "w");
-    if (!table || !freopen("/dev/null", "w", stdout)) return 1;
+    bench::enter_lab(argc, argv, "healthy-gpon", "diag_bench");
+    FILE *table = bench::report_stream();
+    if (!table) return 1;
 
     run_once(mode); // warm-up: caches, the lab's first lookups
     std::vector<sample> samples;

@@ -56,25 +56,36 @@ int start_capture() {
     return 0;
 }
 
-// The upload state is written before the worker starts, so a worker that
-// ends at once leaves its own end state; a worker that cannot start leaves
-// the block as it was. An upload while the capture still runs is refused:
-// it would send an old archive and leave the running capture unstoppable.
+// A worker that cannot start leaves the block as it was. An upload while
+// the capture still runs is refused: it would send an old archive and leave
+// the running capture unstoppable. Returns 1 when the worker runs (the
+// claimed slot is then its own).
 int start_capture_upload() {
     if (g_cap_exec.mode == CAPTURE_MODE_ROTATE) return -1;
-    const uint32_t previous = zq::get_state(g_cap_exec);
-    if (previous == EXEC_RUNNING) {
+    if (zq::get_state(g_cap_exec) == EXEC_RUNNING) {
         ZQ_LOG("capture is running, stop it before the upload");
         return -1;
     }
-    zq::set_state(g_cap_exec, EXEC_UPLOADING);
-    if (pthread_create(&g_cap_exec.worker, nullptr, capture_upload, nullptr) != 0) {
-        zq::clear_worker(g_cap_exec);
-        zq::set_state(g_cap_exec, previous);
-        ZQ_LOG("pthread_create fail - capture_upload");
+    if (zq::start_worker(g_cap_exec, capture_upload, EXEC_UPLOADING) != 0) {
+        ZQ_LOG_AS("capture_set", "pthread_create fail - capture_upload");
         return -1;
     }
-    return 0;
+    return 1;
+}
+
+int act_on_capture_block() {
+    switch (g_cap_exec.action) {
+    case CAPTURE_STOP:
+        stop_capture();
+        return 0;
+    case CAPTURE_START:
+        return start_capture();
+    case CAPTURE_UPLOAD:
+        return start_capture_upload();
+    default:
+        ZQ_LOG_AS("capture_set", "invalid action");
+        return -1;
+    }
 }
 
 } // namespace
@@ -108,23 +119,18 @@ int start_tcpdump_process() {
     return -1;
 }
 
+// The block's worker slot is held while the request is carried out, so a
+// second caller of this process meanwhile finds the block busy; it is
+// handed on to the upload worker, or given back at the end.
 int capture_set() {
-    if (zq::worker_busy(g_cap_exec)) {
+    if (!zq::claim_worker(g_cap_exec)) {
         zq_log_plain("capture execution is busy");
         return 0;
     }
-    switch (g_cap_exec.action) {
-    case CAPTURE_STOP:
-        stop_capture();
-        return 0;
-    case CAPTURE_START:
-        return start_capture();
-    case CAPTURE_UPLOAD:
-        return start_capture_upload();
-    default:
-        ZQ_LOG("invalid action");
-        return -1;
-    }
+    const int result = act_on_capture_block();
+    if (result == 1) return 0;
+    zq::clear_worker(g_cap_exec);
+    return result;
 }
 
 // A dead single capture is also finished here: its files are packed and

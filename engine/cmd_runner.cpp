@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "engine/engine.h"
 #include "engine/log.h"
@@ -14,64 +15,102 @@ uint8_t do_not_generate_log;
 
 namespace {
 
+// One read of the runner's 64-byte line buffer takes at most 63 bytes of
+// output: up to and including a newline, or 63 bytes when no newline comes
+// first; of a read only the bytes before its first NUL are kept.
 constexpr size_t LINE_BUFFER_SIZE = 64;
+constexpr size_t LINE_LIMIT = LINE_BUFFER_SIZE - 1;
 constexpr size_t CMD_COPY_SIZE = 256;
-constexpr size_t PIPE_BUFFER_SIZE = 16384;
+// The pipe is read in blocks of this size (on the stack) and the blocks are
+// cut into those reads, so a long output costs a few system calls and block
+// copies rather than a library call per line.
+constexpr size_t BLOCK_SIZE = 16384;
 
-// Reads the next line (at most LINE_BUFFER_SIZE - 1 bytes) into `line`;
-// false at the end of the output. Interrupted reads are resumed.
-bool read_line(FILE *pipe, char (&line)[LINE_BUFFER_SIZE]) {
-    for (;;) {
-        if (fgets_unlocked(line, sizeof(line), pipe)) return true;
-        if (!ferror_unlocked(pipe) || errno != EINTR) return false;
-        clearerr_unlocked(pipe);
+// The caller's buffer used as a ring: kept byte number i of the output lands
+// at out[i % size], so the buffer always holds the newest bytes.
+struct output_ring {
+    char *out;
+    uint64_t size;
+    uint64_t total = 0; // bytes kept so far
+
+    void put(const char *src, size_t n) {
+        if (n > size) { // only the newest `size` of them can survive
+            src += n - size;
+            total += n - size;
+            n = static_cast<size_t>(size);
+        }
+        const uint64_t at = total % size;
+        const size_t first = n < size - at ? n : static_cast<size_t>(size - at);
+        memcpy(out + at, src, first);
+        memcpy(out, src + first, n - first);
+        total += n;
     }
-}
+};
+
+// Cuts the blocks into the line buffer's reads; a read may span blocks.
+struct line_cutter {
+    size_t used = 0;       // bytes of the current read taken so far
+    bool dropping = false; // the current read met a NUL: the rest is not kept
+
+    void feed(const char *p, size_t n, output_ring &ring) {
+        if (!dropping && !memchr(p, '\0', n)) {
+            // Every byte is kept; all that matters of the reads is where the
+            // last one stands: after the last newline, reads are 63 bytes.
+            ring.put(p, n);
+            const char *nl = static_cast<const char *>(memrchr(p, '\n', n));
+            used = (nl ? static_cast<size_t>(p + n - nl - 1) : used + n) % LINE_LIMIT;
+            return;
+        }
+        while (n) {
+            size_t len = n < LINE_LIMIT - used ? n : LINE_LIMIT - used;
+            const char *nl = static_cast<const char *>(memchr(p, '\n', len));
+            if (nl) len = static_cast<size_t>(nl - p) + 1;
+            if (!dropping) {
+                const char *nul = static_cast<const char *>(memchr(p, '\0', len));
+                ring.put(p, nul ? static_cast<size_t>(nul - p) : len);
+                dropping = nul != nullptr;
+            }
+            p += len;
+            n -= len;
+            used += len;
+            if (nl || used == LINE_LIMIT) {
+                used = 0;
+                dropping = false;
+            }
+        }
+    }
+};
 
 } // namespace
 
-int cmd_collect_output(FILE *stream, char *out, uint64_t size) {
-    if (!stream || !out || size == 0) return -1;
-    // The output buffer is used as a ring: when a line does not fit, writing
-    // goes on from the start, so the buffer always holds the newest bytes.
-    char *pos = out;
-    uint64_t room = size;
-    bool wrapped = false;
-    char line[LINE_BUFFER_SIZE] = {};
-    while (read_line(stream, line)) {
-        size_t remaining = strlen(line);
-        const char *src = line;
-        while (remaining) {
-            size_t n = remaining < room ? remaining : static_cast<size_t>(room);
-            memcpy(pos, src, n);
-            pos += n;
-            src += n;
-            remaining -= n;
-            room -= n;
-            if (remaining) {
-                wrapped = true;
-                pos = out;
-                room = size;
-            }
-        }
-        memset(line, 0, sizeof(line));
+int cmd_collect_output(int fd, char *out, uint64_t size) {
+    if (fd < 0 || !out || size == 0) return -1;
+    output_ring ring{out, size};
+    line_cutter cutter;
+    char block[BLOCK_SIZE];
+    for (;;) {
+        const ssize_t n = read(fd, block, sizeof(block));
+        if (n > 0)
+            cutter.feed(block, static_cast<size_t>(n), ring);
+        else if (n == 0 || errno != EINTR)
+            break; // the end of the output (or a broken pipe)
     }
 
-    if (wrapped) {
-        // Put the ring in order, oldest byte first.
+    if (ring.total > size) {
+        // The ring wrapped: put it in order, oldest byte first.
         char *scratch = static_cast<char *>(malloc(size));
         if (!scratch) {
             ZQ_LOG("arrange data fail");
             out[size - 1] = '\0';
             return -1;
         }
-        const uint64_t head = size - room;
-        memcpy(scratch, pos, room);
-        memcpy(scratch + room, out, head);
+        const uint64_t oldest = ring.total % size;
+        memcpy(scratch, out + oldest, size - oldest);
+        memcpy(scratch + (size - oldest), out, oldest);
         memcpy(out, scratch, size);
         free(scratch);
         out[size - 1] = '\0';
-    } else if (room == 0) {
+    } else if (ring.total == size) {
         // Output exactly as long as the buffer: terminate it like a ring, so
         // the buffer never leaves the runner without a terminator once full.
         out[size - 1] = '\0';
@@ -88,9 +127,9 @@ int zq_get_cmd_raw_data(zq_diag_args args) {
         ZQ_LOG("create pipe fail");
         return -1;
     }
-    char iobuf[PIPE_BUFFER_SIZE];
-    setvbuf(pipe, iobuf, _IOFBF, sizeof(iobuf));
-    int rc = cmd_collect_output(pipe, out, args.out_size);
+    // The runner reads the pipe's descriptor in blocks of its own; the
+    // stream is never read, so libc allocates no buffer for it.
+    int rc = cmd_collect_output(fileno(pipe), out, args.out_size);
     pclose(pipe);
     if (rc != 0) return rc;
     write_cmd_log(cmd, out, args.out_size);

@@ -49,10 +49,11 @@ int dhcp_status_envoy(uint32_t action, zq_diag_args args);
 
 // ---- Command runner ------------------------------------------------------
 int zq_get_cmd_raw_data(zq_diag_args args);
-// Reads a command's output from `stream` line by line (63 bytes at most per
-// read) into `out`, keeping the newest `size` bytes; 0, or -1 when the ring
-// could not be put in order.
-int cmd_collect_output(FILE *stream, char *out, uint64_t size);
+// Reads a command's output from `fd` to its end into `out`, as a 64-byte
+// line buffer takes it (reads of at most 63 bytes ending at a newline, of
+// each only the bytes before a NUL), keeping the newest `size` bytes; 0, or
+// -1 when the ring could not be put in order.
+int cmd_collect_output(int fd, char *out, uint64_t size);
 // Appends "cmd: [cmd]\n", the output (at most output_size bytes, up to its
 // first NUL) and "\n\n" to the command log.
 void write_cmd_log(const char *cmd, const char *output, uint64_t output_size);

@@ -22,9 +22,7 @@ enum : uint32_t { ACTION_RUN = 0, ACTION_UPLOAD = 1 };
 enum : uint32_t { KIND_DIAGNOSE = 0, KIND_FIX = 1 };
 
 using zq::clear_worker;
-using zq::get_state;
 using zq::set_state;
-using zq::worker_busy;
 
 void *diagnose_execution(void *) {
     pthread_detach(pthread_self());
@@ -50,16 +48,10 @@ void *diagnose_execution(void *) {
     return nullptr;
 }
 
-// The worker's first state is written before it starts, so a worker that
-// ends at once always leaves its own end state behind. If the thread cannot
-// be started, the block is put back as it was.
+// If the thread cannot be started, the block is put back as it was.
 int start_diagnose_worker(void *(*worker)(void *), uint32_t first_state, const char *failure) {
-    const uint32_t previous = get_state(g_diag_exec);
-    set_state(g_diag_exec, first_state);
-    if (pthread_create(&g_diag_exec.worker, nullptr, worker, nullptr) != 0) {
-        clear_worker(g_diag_exec);
-        set_state(g_diag_exec, previous);
-        ZQ_LOG("%s", failure);
+    if (zq::start_worker(g_diag_exec, worker, first_state) != 0) {
+        ZQ_LOG_AS("diagnose_set", "%s", failure);
         return -1;
     }
     return 0;
@@ -78,11 +70,12 @@ int run_path(uint32_t mode, path_search_fn search) {
 } // namespace
 
 int diagnose_set() {
-    if (worker_busy(g_diag_exec)) {
+    if (!zq::claim_worker(g_diag_exec)) {
         zq_log_plain("diagnose execution is busy");
         return 0;
     }
     if (!is_diag_avaliable()) {
+        clear_worker(g_diag_exec);
         ZQ_LOG("!Diagnose is unavaliable");
         return -1;
     }
@@ -94,6 +87,7 @@ int diagnose_set() {
         return start_diagnose_worker(diagnose_upload, EXEC_UPLOADING,
                                      "pthread_create fail - diagnose_upload");
     default:
+        clear_worker(g_diag_exec);
         ZQ_LOG("invalid action");
         return -1;
     }

@@ -61,11 +61,6 @@ std::vector<char> expected_buffer(const std::string &kept, size_t size) {
     return out;
 }
 
-FILE *open_stream(std::string &output) {
-    if (output.empty()) return fopen("/dev/null", "r");
-    return fmemopen(output.data(), output.size(), "r");
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -82,16 +77,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     else
         buf_size = SIZES[size_field % (sizeof(SIZES) / sizeof(SIZES[0]))];
 
-    FILE *stream = open_stream(output);
-    FUZZ_CHECK(stream != nullptr);
+    const int fd = fuzz_output_fd(output);
+    FUZZ_CHECK(fd >= 0);
     // Exactly the buffer's size on the heap: any byte written or read outside
     // it is caught by the address sanitizer.
     char *buf = static_cast<char *>(malloc(buf_size));
     FUZZ_CHECK(buf != nullptr);
     memset(buf, FILL, buf_size);
 
-    const int rc = cmd_collect_output(stream, buf, buf_size);
-    fclose(stream);
+    const int rc = cmd_collect_output(fd, buf, buf_size);
+    close(fd);
     FUZZ_CHECK(rc == 0);
 
     const std::string kept = kept_bytes(output);
@@ -109,12 +104,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     // Arguments the runner refuses without touching anything.
     char one = FILL;
-    FILE *null = fopen("/dev/null", "r");
-    FUZZ_CHECK(null != nullptr);
-    FUZZ_CHECK(cmd_collect_output(nullptr, &one, 1) == -1);
+    const int null = fuzz_output_fd("");
+    FUZZ_CHECK(null >= 0);
+    FUZZ_CHECK(cmd_collect_output(-1, &one, 1) == -1);
     FUZZ_CHECK(cmd_collect_output(null, nullptr, 1) == -1);
     FUZZ_CHECK(cmd_collect_output(null, &one, 0) == -1);
     FUZZ_CHECK(one == FILL);
-    fclose(null);
+    close(null);
     return 0;
 }

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 
 class fuzz_input {
   public:
@@ -28,6 +30,19 @@ class fuzz_input {
     size_t size_;
     size_t pos_ = 0;
 };
+
+// A descriptor that reads `bytes` from the start and then reports the end,
+// as a command's pipe does once the command has ended; -1 on failure.
+inline int fuzz_output_fd(const std::string &bytes) {
+    const int fd = memfd_create("fuzz_output", MFD_CLOEXEC);
+    if (fd < 0) return -1;
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
+        lseek(fd, 0, SEEK_SET) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 // A broken invariant: say which, then abort so libFuzzer keeps the input.
 #define FUZZ_CHECK(cond)                                                                                     \

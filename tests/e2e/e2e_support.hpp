@@ -26,7 +26,7 @@ inline int run_and_wait(uint32_t kind, uint32_t mode) {
     g_diag_exec.action = 0;
     int rc = diagnose_set();
     if (rc != 0) return rc;
-    EXPECT_NE(g_diag_exec.state, EXEC_IDLE);
+    EXPECT_NE(__atomic_load_n(&g_diag_exec.state, __ATOMIC_ACQUIRE), EXEC_IDLE); // the worker runs
     for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(g_diag_exec.worker, 0ul);

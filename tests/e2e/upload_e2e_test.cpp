@@ -53,7 +53,7 @@ Upload upload(const char *url, uint32_t protocol = UPLOAD_PROTOCOL_FTP, uint8_t 
     g_diag_exec.action = 1;
     testing::internal::CaptureStdout();
     const int rc = diagnose_set();
-    const uint32_t first = g_diag_exec.state;
+    const uint32_t first = __atomic_load_n(&g_diag_exec.state, __ATOMIC_ACQUIRE); // the worker runs
     if (rc == 0) wait_for_worker();
     Upload result{first, g_diag_exec.state,
                   std::string(g_diag_exec.file_name, strnlen(g_diag_exec.file_name, 16)),
@@ -236,7 +236,7 @@ Upload upload_capture(const char *url) {
     g_cap_exec.action = 2;
     testing::internal::CaptureStdout();
     const int rc = capture_set();
-    const uint32_t first = g_cap_exec.state;
+    const uint32_t first = __atomic_load_n(&g_cap_exec.state, __ATOMIC_ACQUIRE); // the worker runs
     for (int i = 0; rc == 0 && i < 6000 && __atomic_load_n(&g_cap_exec.worker, __ATOMIC_ACQUIRE); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     Upload result{first, g_cap_exec.state,
