@@ -28,6 +28,14 @@ bool read_line(FILE *pipe, char (&line)[LINE_BUFFER_SIZE]) {
     }
 }
 
+// True when the cleared line buffer holds a byte after the terminator at
+// `length`: what fgets read went on after a NUL.
+bool holds_more(const char (&line)[LINE_BUFFER_SIZE], size_t length) {
+    for (size_t i = length + 1; i < sizeof(line); ++i)
+        if (line[i] != '\0') return true;
+    return false;
+}
+
 } // namespace
 
 int cmd_collect_output(FILE *stream, char *out, uint64_t size) {
@@ -38,8 +46,16 @@ int cmd_collect_output(FILE *stream, char *out, uint64_t size) {
     uint64_t room = size;
     bool wrapped = false;
     char line[LINE_BUFFER_SIZE] = {};
+    bool nul_seen = false;
     while (read_line(stream, line)) {
         size_t remaining = strlen(line);
+        // The line buffer is cleared before every read, so a byte after the
+        // first NUL means the output held a NUL: the text stops there, and
+        // the rest of the line is dropped (once noted per command).
+        if (!nul_seen && holds_more(line, remaining)) {
+            nul_seen = true;
+            ZQ_LOG_AS("zq_get_cmd_raw_data", "output holds a NUL byte: the rest of its line is dropped");
+        }
         const char *src = line;
         while (remaining) {
             size_t n = remaining < room ? remaining : static_cast<size_t>(room);
