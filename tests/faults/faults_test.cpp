@@ -289,7 +289,8 @@ TEST_F(Faults, DiagnosisManagerToolHangs) {
     memset(&g_diag_exec, 0, sizeof(g_diag_exec));
     g_diag_exec.mode = 2;
     ASSERT_EQ(diagnose_set(), 0);
-    std::this_thread::sleep_for(1s);
+    // The hung tool is a process named "sleep" (see the lab's faults).
+    ASSERT_TRUE(eventually([] { return !zqlab::pids("sleep").empty(); }, PATIENCE));
     EXPECT_EQ(state_of(g_diag_exec), EXEC_RUNNING);
     EXPECT_TRUE(busy(g_diag_exec));
     EXPECT_TRUE(permit_taken());
