@@ -156,7 +156,8 @@ void notify_diag_manager() {
         pid = read_diag_manager_pid();
         diag_manager_pid.store(pid, std::memory_order_relaxed);
         if (!is_diag_manager(pid)) {
-            if (pid > 0) ZQ_LOG("pid %d of %s is no running diagnosis manager: not signalled", pid, ZQ_DIAGM_PID_PATH);
+            if (pid > 0)
+                ZQ_LOG("pid %d of %s is no running diagnosis manager: not signalled", pid, ZQ_DIAGM_PID_PATH);
             return;
         }
     }

@@ -79,8 +79,8 @@ template <size_t N> void query_texts(const text_key (&keys)[N], uint32_t index, 
     for (const text_key &k : keys) {
         const std::string_view answer = zq::view(get_wan_info(k.key, index));
         if (k.whole && answer.size() >= k.size) {
-            ZQ_LOG_AS("zq_get_wan_status_struct", "wan_info %s of WAN %u [%s] is longer than %zu: refused", k.key,
-                      index, zq::shown(answer).text, k.size - 1);
+            ZQ_LOG_AS("zq_get_wan_status_struct", "wan_info %s of WAN %u [%s] is longer than %zu: refused",
+                      k.key, index, zq::shown(answer).text, k.size - 1);
             continue;
         }
         zq::copy(bytes + k.offset, k.size, answer);
@@ -150,7 +150,8 @@ int zq_get_wan_status_struct(zq_diag_args args) {
 }
 
 int zq_get_wan_status_diag(zq_diag_args) {
-    int count = zq::read_number(__func__, "wan_num", zq::view(zq_get_cmd_result("diagM get wan_info wan_num")));
+    int count =
+        zq::read_number(__func__, "wan_num", zq::view(zq_get_cmd_result("diagM get wan_info wan_num")));
     if (count > MAX_WANS) {
         ZQ_LOG("wan_num %d is more than %d, only the first are diagnosed", count, MAX_WANS);
         count = MAX_WANS;

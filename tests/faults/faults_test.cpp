@@ -26,7 +26,9 @@ using namespace std::chrono_literals;
 
 constexpr const char *WAN0 = "1_TR069_INTERNET_R_VID_100";
 
-bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
 
 // The library's log lines while `fn` runs. They are caught in a file under
 // /run, not under /tmp (where GoogleTest's own capture goes), so that they
@@ -170,7 +172,7 @@ TEST_F(Faults, PingAndNslookupMissing) {
     const std::string log = diag_log();
     EXPECT_EQ(findings_of(log, "wan_status"), "[warn   ]" + std::string(WAN0) + "[v4] connect unstable\n");
     EXPECT_EQ(findings_of(log, "dns_status"), "[error  ]DNS is unavailable\n[error  ]" + std::string(WAN0) +
-                                                   " [V4] Internet connectivity is abnormal\n");
+                                                  " [V4] Internet connectivity is abnormal\n");
     EXPECT_FALSE(permit_taken());
 }
 
@@ -253,7 +255,8 @@ TEST_F(Faults, PingAndNslookupHangUntilTheirTimeouts) {
     zqlab::clear_journal();
     const Diagnosis r = diagnose(3);
     EXPECT_EQ(r.state, EXEC_DONE);
-    EXPECT_EQ(findings_of(diag_log(), "wan_status"), "[warn   ]" + std::string(WAN0) + "[v4] connect unstable\n");
+    EXPECT_EQ(findings_of(diag_log(), "wan_status"),
+              "[warn   ]" + std::string(WAN0) + "[v4] connect unstable\n");
     EXPECT_EQ(if_dns_avaliable(nullptr), 0);
     const std::vector<std::string> limits = zqlab::journal("timeout");
     ASSERT_EQ(limits.size(), 3u);
@@ -372,8 +375,8 @@ TEST_F(Faults, SystemToolsPrintGarbage) {
     EXPECT_EQ(sys[0].sys_mem_total, 0u);
     EXPECT_EQ(sys[0].sys_mem_usage, 0u);
     EXPECT_EQ(findings_of(diag_log(), "sys_status"), "[error  ]The boa process dropped --Repairable\n"
-                                                      "[error  ]The cwmpClient process dropped --Repairable\n"
-                                                      "[error  ]The omci_app process dropped --Repairable\n");
+                                                     "[error  ]The cwmpClient process dropped --Repairable\n"
+                                                     "[error  ]The omci_app process dropped --Repairable\n");
     EXPECT_FALSE(permit_taken());
 }
 
@@ -450,8 +453,8 @@ TEST_F(Faults, TcpdumpDiesInRotateMode) {
     zqlab::scenario("upload-ftp");
     const std::string log = log_of([] {
         ASSERT_EQ(start_capture(1), 0);
-        ASSERT_TRUE(eventually([] { return zqlab::file_exists(std::string(FTP_DIR) + "transport_test"); },
-                               PATIENCE));
+        ASSERT_TRUE(
+            eventually([] { return zqlab::file_exists(std::string(FTP_DIR) + "transport_test"); }, PATIENCE));
         kill_all("tcpdump", SIGKILL);
         ASSERT_TRUE(eventually([] { return state_of(g_cap_exec) == EXEC_IDLE; }, PATIENCE));
         ASSERT_TRUE(eventually(
@@ -540,7 +543,8 @@ TEST_F(Faults, StalePidFileNamesAStranger) {
 // until "zqdiag permit release" frees it; then diagnoses work again.
 TEST_F(Faults, PermitHolderKilled) {
     zqlab::set("fault.diagM", "hang");
-    const std::string holder_cmd = std::string("exec ") + ZQ_CLI_COMMAND + " diagnose --mode 2 >/dev/null 2>&1";
+    const std::string holder_cmd =
+        std::string("exec ") + ZQ_CLI_COMMAND + " diagnose --mode 2 >/dev/null 2>&1";
     const pid_t holder = fork();
     if (holder == 0) {
         execl("/bin/sh", "sh", "-c", holder_cmd.c_str(), static_cast<char *>(nullptr));

@@ -34,7 +34,8 @@ std::vector<family> families() {
         {"option",
          {"-w" + string(MADE), "-o" + string(MADE), "--output-file=" + string(MADE), "-fr " + string(KEEP)}},
         {"path",
-         {"../../../../tmp/zq-canary-keep", "..", "/../../tmp/zq-canary-keep", "x/../../../tmp/zq-canary-keep"}},
+         {"../../../../tmp/zq-canary-keep", "..", "/../../tmp/zq-canary-keep",
+          "x/../../../tmp/zq-canary-keep"}},
         {"oversize",
          {string(300, 'A') + ";" + T, string(4096, 'A') + "$(" + T + ")", string(70000, 'A') + "|" + T,
           A + string(300, ' ') + ";" + T}},
@@ -67,8 +68,8 @@ void lay_canaries() {
 }
 
 void report(const char *field, size_t payloads, size_t executed, size_t refused, size_t kept) {
-    printf("injection: %s: %zu payloads, %zu executed, %zu refused with a log line, %zu kept as data\n", field,
-           payloads, executed, refused, kept);
+    printf("injection: %s: %zu payloads, %zu executed, %zu refused with a log line, %zu kept as data\n",
+           field, payloads, executed, refused, kept);
     fflush(stdout);
 }
 
@@ -120,7 +121,8 @@ void run_field(const field_rule &rule, const std::function<observation(const pay
         executed += touched ? 1 : 0;
         refused += was_refused ? 1 : 0;
         kept += was_kept ? 1 : 0;
-        EXPECT_FALSE(touched) << rule.field << ": the " << p.family << " payload [" << shown(p.text) << "] ran";
+        EXPECT_FALSE(touched) << rule.field << ": the " << p.family << " payload [" << shown(p.text)
+                              << "] ran";
         EXPECT_TRUE(was_refused || was_kept)
             << rule.field << ": the " << p.family << " payload [" << shown(p.text)
             << "] was neither refused with a log line nor kept as data\n"

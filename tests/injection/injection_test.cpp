@@ -67,7 +67,8 @@ template <class T> std::vector<T> records() {
 }
 
 // Lines the library writes when it refuses a value of each kind.
-#define URL_REFUSALS "refused url", "wput url parse error", "file upload params error", "rotate mode init error"
+#define URL_REFUSALS                                                                                         \
+    "refused url", "wput url parse error", "file upload params error", "rotate mode init error"
 #define NAME_REFUSALS "refused file_name", "does not exist and cannot be renamed or uploaded"
 #define INTERFACE_REFUSALS "invalid interface name", "empty interface", "tcpdump command is too long"
 #define NUL_REFUSAL "output holds a NUL byte"
@@ -93,14 +94,15 @@ TEST(Payloads, EveryFamilyIsThere) {
     std::vector<std::string> families;
     for (const payload &p : injection::payloads())
         if (families.empty() || families.back() != p.family) families.push_back(p.family);
-    const std::vector<std::string> expected = {"backtick", "semicolon", "pipe",   "and",      "dollar-paren", "ifs",
-                                               "quote",    "newline",   "option", "path",     "oversize",     "nul"};
+    const std::vector<std::string> expected = {"backtick",     "semicolon", "pipe",     "and",
+                                               "dollar-paren", "ifs",       "quote",    "newline",
+                                               "option",       "path",      "oversize", "nul"};
     EXPECT_EQ(families, expected);
     EXPECT_GE(injection::payloads().size(), 40u);
     std::string list;
     for (const std::string &f : families) list += (list.empty() ? "" : ", ") + f;
-    printf("injection-table: %zu payloads in %zu families: %s\n", injection::payloads().size(), families.size(),
-           list.c_str());
+    printf("injection-table: %zu payloads in %zu families: %s\n", injection::payloads().size(),
+           families.size(), list.c_str());
 }
 
 // ---- Control blocks and exported requests --------------------------------------
@@ -253,15 +255,16 @@ TEST_F(Injection, PresetDnsSourceOfACallersRecord) {
 }
 
 TEST_F(Injection, StepMethodName) {
-    run_field({"zq_intact_diag_run step.method", {"can't find the method"}, true, false}, [](const payload &p) {
-        zq_diag_step s{};
-        fill(s.method, p.text);
-        s.action = ACTION_DIAG;
-        observation seen;
-        seen.log = log_of([&] { zq_intact_diag_run(&s); });
-        EXPECT_NE(std::string(zq_diag_msg).find("processing fail"), std::string::npos);
-        return seen;
-    });
+    run_field({"zq_intact_diag_run step.method", {"can't find the method"}, true, false},
+              [](const payload &p) {
+                  zq_diag_step s{};
+                  fill(s.method, p.text);
+                  s.action = ACTION_DIAG;
+                  observation seen;
+                  seen.log = log_of([&] { zq_intact_diag_run(&s); });
+                  EXPECT_NE(std::string(zq_diag_msg).find("processing fail"), std::string::npos);
+                  return seen;
+              });
 }
 
 // ---- The diagnosis manager's answers ------------------------------------------
@@ -303,17 +306,18 @@ class ManagerAnswers : public Injection {};
 // without its address. The lab's second WAN is counted in (and pinged) in
 // the first row only; the IPv6 rows judge a WAN that carries IPv6 alone.
 void address_row(const char *label, const char *key, bool v6, size_t wans) {
-    run_field({label, {"is no IPv4 address", "is no IPv6 address", "is longer than", NUL_REFUSAL}, true, false},
-              [&](const payload &p) {
-                  observation seen;
-                  const zqSD_wan_diag wan = wan0_judged(key, p, seen.log, wans);
-                  const bool refused = seen.log.find("address: taken as empty") != std::string::npos ||
-                                       seen.log.find("is longer than") != std::string::npos;
-                  if (refused) {
-                      EXPECT_EQ(v6 ? wan.v6_conn_state : wan.v4_conn_state, WAN_DHCP_SERVICE_ERROR);
-                  }
-                  return seen;
-              });
+    run_field(
+        {label, {"is no IPv4 address", "is no IPv6 address", "is longer than", NUL_REFUSAL}, true, false},
+        [&](const payload &p) {
+            observation seen;
+            const zqSD_wan_diag wan = wan0_judged(key, p, seen.log, wans);
+            const bool refused = seen.log.find("address: taken as empty") != std::string::npos ||
+                                 seen.log.find("is longer than") != std::string::npos;
+            if (refused) {
+                EXPECT_EQ(v6 ? wan.v6_conn_state : wan.v4_conn_state, WAN_DHCP_SERVICE_ERROR);
+            }
+            return seen;
+        });
 }
 
 TEST_F(ManagerAnswers, WanIpv4Address) { address_row("diagM wan_info v4_ip", "v4_ip", false, 2); }
@@ -331,7 +335,8 @@ TEST_F(ManagerAnswers, WanIpv6Gateway) {
 
 // The interface the protocol methods narrow a decoded capture to.
 TEST_F(ManagerAnswers, WanInterfaceForTheDecodedCapture) {
-    zqlab::write_file(ZQ_CAPTURE_PARSE, "nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n");
+    zqlab::write_file(ZQ_CAPTURE_PARSE,
+                      "nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n");
     run_field({"diagM wan_info nas_interface (capture filters)",
                {"invalid interface name", "is longer than", NUL_REFUSAL},
                true,
@@ -451,9 +456,10 @@ TEST_F(ManagerAnswers, PonMode) {
 }
 
 TEST_F(ManagerAnswers, PonRxPower) {
-    pon_row("diagM pon_info pon_rx_power", "pon.rx_power", [](const zqSD_pon_diag &pon, const std::string &answer) {
-        return pon.rx_power == static_cast<float>(strtod(as_read(answer, 4096).c_str(), nullptr));
-    });
+    pon_row("diagM pon_info pon_rx_power", "pon.rx_power",
+            [](const zqSD_pon_diag &pon, const std::string &answer) {
+                return pon.rx_power == static_cast<float>(strtod(as_read(answer, 4096).c_str(), nullptr));
+            });
 }
 
 TEST_F(ManagerAnswers, RouteAnswer) {
@@ -488,13 +494,14 @@ TEST_F(ManagerAnswers, YesNoSettings) {
 TEST_F(Injection, LanDhcpServerConfiguration) {
     run_field({"/var/udhcpd/udhcpd.conf", {}, false, false}, [](const payload &p) {
         std::string conf;
-        for (const char *keyword : {"interface ", "server ", "start ", "end ", "opt subnet ", "opt router ",
-                                    "opt dns "})
+        for (const char *keyword :
+             {"interface ", "server ", "start ", "end ", "opt subnet ", "opt router ", "opt dns "})
             conf += keyword + p.text + "\n";
         zqlab::write_file("/var/udhcpd/udhcpd.conf", conf);
         zqSD_dhcp_diag block{};
         observation seen;
-        seen.log = log_of([&] { zq_get_sys_diag("dhcp_config", ACTION_STRUCT, zq_args(nullptr, 0, &block, 130)); });
+        seen.log =
+            log_of([&] { zq_get_sys_diag("dhcp_config", ACTION_STRUCT, zq_args(nullptr, 0, &block, 130)); });
         // Each value is a word of the payload, cut to its field.
         seen.kept = block.server_running == 1;
         for (const char(*field)[16] : {&block.interface, &block.ip_addr, &block.pool_addr_start,
@@ -593,8 +600,9 @@ TEST_F(Injection, DhcpHostnameInTheDecodedCapture) {
                                    "\t    DHCP-Message (53), length 1: Discover\n"
                                    "\t    Hostname (12), length 9: \"" +
                                    p.text + "\"\n";
-        zqlab::write_file(ZQ_CAPTURE_PARSE, packet + "nas0_0 In IP 100.64.0.1.67 > 100.64.0.10.68: BOOTP/DHCP\n"
-                                                     "\t    DHCP-Message (53), length 1: Offer\n");
+        zqlab::write_file(ZQ_CAPTURE_PARSE, packet +
+                                                "nas0_0 In IP 100.64.0.1.67 > 100.64.0.10.68: BOOTP/DHCP\n"
+                                                "\t    DHCP-Message (53), length 1: Offer\n");
         observation seen;
         seen.log = log_of([&] { seen.kept = dhcp_packet_flags() == 3; });
         return seen;
@@ -619,7 +627,8 @@ TEST_F(Injection, CaptureTextFromTheLabsPeers) {
     EXPECT_FALSE(touched);
     // The texts did cross the link, and came back as data.
     const std::string decoded = zqlab::run("tcpdump -v -n -r /tmp/capture_file/capture.pcap 2>/dev/null");
-    EXPECT_NE(decoded.find("Hostname (12), length 32: \"h;touch${IFS}/tmp/zq-canary-made\""), std::string::npos)
+    EXPECT_NE(decoded.find("Hostname (12), length 32: \"h;touch${IFS}/tmp/zq-canary-made\""),
+              std::string::npos)
         << decoded.substr(0, 3000);
     EXPECT_NE(dhcp.find("\tDhcp server responded"), std::string::npos) << dhcp;
     const char *servers[] = {"[normal ]Requested server1 ($(touch${IFS}/tmp/zq-canary-made)): \n",

@@ -133,7 +133,8 @@ TEST_F(WanStatus, MalformedAddressesNeverReachTheShell) {
             zqlab::set(key, p);
             const std::string log = log_of([] { diagnose(); });
             // Refused when read (longer than an address can be) or when used.
-            EXPECT_TRUE(has(log, "is no IPv4 address: taken as empty") || has(log, "is longer than 15: refused"))
+            EXPECT_TRUE(has(log, "is no IPv4 address: taken as empty") ||
+                        has(log, "is longer than 15: refused"))
                 << key << "=" << p << "\n"
                 << log;
             EXPECT_EQ(findings(), "[error  ]1_TR069_INTERNET_R_VID_100[v4] dhcp service error\n") << p;
