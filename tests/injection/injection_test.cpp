@@ -20,6 +20,7 @@
 #include "methods/methods.h"
 #include "methods/network/pppoe_analysis.h"
 #include "records/records.h"
+#include "tests/methods/method_support.hpp"
 #include "upload/upload.h"
 
 namespace {
@@ -50,21 +51,9 @@ void stop_any_capture() {
 }
 
 // One diagnosis step of `method` on a cleared message buffer.
-uint32_t step(const char *method) {
-    zq_diag_msg_reset();
-    uint32_t result = 0;
-    zq_get_sys_diag(method, ACTION_DIAG, zq_args(nullptr, 0, &result, sizeof(result)));
-    return result;
-}
+uint32_t step(const char *method) { return method_test::run_step(method, ACTION_DIAG).result; }
 
-template <class T> std::vector<T> records() {
-    std::vector<T> out;
-    list_diag_record<T>("test", [&out](const T &record) {
-        out.push_back(record);
-        return false;
-    });
-    return out;
-}
+using method_test::records;
 
 // Lines the library writes when it refuses a value of each kind.
 #define URL_REFUSALS                                                                                         \
