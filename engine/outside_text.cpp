@@ -14,9 +14,10 @@ constexpr size_t MAX_ADDRESS_TEXT = 63;
 
 bool printable(char c) { return c >= ' ' && c <= '~'; }
 
-// inet_pton wants a terminated text; one longer than any address is none.
+// inet_pton wants a terminated text; one longer than any address is none,
+// and so is one holding a NUL (inet_pton would judge only what precedes it).
 template <size_t N> bool terminated_copy(std::string_view text, char (&out)[N]) {
-    if (text.empty() || text.size() >= N) return false;
+    if (text.empty() || text.size() >= N || text.find('\0') != std::string_view::npos) return false;
     copy(out, text);
     return true;
 }
