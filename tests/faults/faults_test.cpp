@@ -538,25 +538,30 @@ TEST_F(Faults, StalePidFileNamesAStranger) {
 // ---- The permit's holder killed ------------------------------------------------------------
 
 #ifdef ZQ_CLI_COMMAND
-// A zqdiag process that holds the permit (its diagnosis waits on a hung
-// manager tool) is killed: the permit stays taken and no diagnosis starts,
-// until "zqdiag permit release" frees it; then diagnoses work again.
+// A zqdiag command that holds the permit (its diagnosis waits on a hung
+// manager tool) is killed, every process of it at once (the command runs
+// the diagnosis in a child of its own): the permit stays taken and no
+// diagnosis starts, until "zqdiag permit release" frees it; then diagnoses
+// work again.
 TEST_F(Faults, PermitHolderKilled) {
     zqlab::set("fault.diagM", "hang");
     const std::string holder_cmd =
         std::string("exec ") + ZQ_CLI_COMMAND + " diagnose --mode 2 >/dev/null 2>&1";
     const pid_t holder = fork();
     if (holder == 0) {
+        setpgid(0, 0); // a process group of its own: the command and all it starts
         execl("/bin/sh", "sh", "-c", holder_cmd.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
     ASSERT_GT(holder, 0);
+    setpgid(holder, holder); // either side may run first
     const bool held = eventually([] { return permit_taken() && !zqlab::pids("sleep").empty(); }, PATIENCE);
-    kill(holder, SIGKILL);
+    kill(-holder, SIGKILL);
     int status = 0;
     ASSERT_EQ(waitpid(holder, &status, 0), holder);
-    ASSERT_TRUE(held) << "the zqdiag process never took the permit";
-    kill_all("sleep", SIGTERM);
+    ASSERT_TRUE(held) << "the zqdiag command never took the permit";
+    ASSERT_TRUE(eventually([holder] { return kill(-holder, 0) != 0; }, PATIENCE))
+        << "a process of it lives on";
     zqlab::unset("fault.diagM");
 
     EXPECT_TRUE(permit_taken()) << "a permit taken by a process that died stays taken";
