@@ -10,6 +10,7 @@
 #include "capture/capture.h"
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 
 namespace {
@@ -50,9 +51,18 @@ constexpr pack_plan PACK_TWO_ROTATED = {
      "tar -C /tmp/capture_file/ -cf /tmp/capture_file/capture.tar capture1.pcap capture0.pcap",
      "rm /tmp/capture_file/capture0.pcap /tmp/capture_file/capture1.pcap"}};
 
-void run_plan(const pack_plan &plan) {
-    for (const char *cmd : plan.commands)
-        if (cmd) zq_system(cmd);
+// Runs the plan's commands in order and stops at the first that fails: a
+// capture file is removed only once the archive holding it was made (a
+// full /tmp leaves a cut archive, and the capture must outlive it).
+bool run_plan(const pack_plan &plan) {
+    for (const char *cmd : plan.commands) {
+        if (cmd && zq_system(cmd) != 0) {
+            ZQ_LOG_AS("packet_capture_file", "packing failed at [%s]: the capture files are kept", cmd);
+            if (zq::file_exists(ZQ_CAPTURE_TAR)) zq_system("rm -f /tmp/capture_file/capture.tar");
+            return false;
+        }
+    }
+    return true;
 }
 
 bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
@@ -101,7 +111,8 @@ uint64_t get_max_size_of_tcpdump_file() {
     fclose(file);
     // Widened and compared unsigned: every negative value reads as above
     // the ceiling, so the file can only lower the allowance.
-    const auto value = static_cast<uint64_t>(static_cast<int64_t>(zq::to_int(std::string_view(text, n))));
+    const auto value = static_cast<uint64_t>(
+        static_cast<int64_t>(zq::read_number(__func__, ZQ_CAPTURE_ALLOWANCE, std::string_view(text, n))));
     return value > ZQ_MAX_ALLOWANCE ? ZQ_MAX_ALLOWANCE : value;
 }
 
@@ -160,7 +171,7 @@ int zq_get_tcpdump_file(tcpdump_req req) {
         return -1;
     }
     // Both texts go into the command line as they stand.
-    if (!is_interface_name(interface)) {
+    if (!zq::is_interface_name(interface)) {
         ZQ_LOG("invalid interface name");
         return -1;
     }
@@ -193,8 +204,9 @@ int zq_get_tcpdump_file(tcpdump_req req) {
 
 long packet_capture_file() {
     if (zq::file_exists(ZQ_CAPTURE_TAR)) zq_system("rm -f /tmp/capture_file/capture.tar");
+    bool packed = false;
     if (zq_get_file_size(ZQ_CAPTURE_PCAP) > 0) {
-        run_plan(PACK_SINGLE);
+        packed = run_plan(PACK_SINGLE);
     } else {
         const auto s0 = static_cast<unsigned long>(zq_get_file_size("/tmp/capture_file/capture.pcap0"));
         const auto s1 = static_cast<unsigned long>(zq_get_file_size("/tmp/capture_file/capture.pcap1"));
@@ -203,11 +215,11 @@ long packet_capture_file() {
             return -1;
         }
         if (s1 == 0)
-            run_plan(PACK_ONE_ROTATED);
+            packed = run_plan(PACK_ONE_ROTATED);
         else
-            run_plan(s0 < s1 ? PACK_TWO_ROTATED_SMALLER_0 : PACK_TWO_ROTATED);
+            packed = run_plan(s0 < s1 ? PACK_TWO_ROTATED_SMALLER_0 : PACK_TWO_ROTATED);
     }
-    return zq_get_file_size(ZQ_CAPTURE_TAR);
+    return packed ? zq_get_file_size(ZQ_CAPTURE_TAR) : -1;
 }
 
 void get_tcpdump_parse(const char *filter) {
@@ -280,7 +292,7 @@ int interface_index_of(const char *line) {
 int filter_special(const char *name, const char *ifindex_filter) {
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0 || !name) return -1;
     // The name goes into grep's command line.
-    if (!is_interface_name(zq::view(name))) {
+    if (!zq::is_interface_name(zq::view(name))) {
         ZQ_LOG("invalid interface name");
         return -1;
     }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "engine/outside_text.h"
 #include "zq_diag.h"
 
 constexpr const char *ZQ_CAPTURE_DIR = "/tmp/capture_file/";
@@ -40,9 +41,6 @@ int grep_tcpdump_parse(const char *text);
 int zq_diag_capture(const void *record);
 
 // ---- Checks of outside text ------------------------------------------------
-// A plain network interface name: 1 to 15 letters, digits, '_', '.', '-',
-// ':' or '@', not starting with '-'.
-bool is_interface_name(std::string_view name);
 // A caller's tcpdump expression: nothing the shell would act on and no
 // word that tcpdump would take for an option. See filter_check.cpp.
 bool is_capture_filter(std::string_view filter);

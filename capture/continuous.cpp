@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -33,6 +34,11 @@ constexpr size_t EVENT_BATCH_SIZE = 64;
 constexpr size_t EVENT_HEADER_SIZE = 16;
 constexpr unsigned FINISH_POLL_US = 100000;
 constexpr unsigned FINISH_POLLS = 30; // transfers still running get 3 seconds
+// The watcher looks at the process list at least this often: the event of
+// tcpdump's last close may come while the process list still shows it
+// (a process that has closed its files but not yet been reaped), and
+// waiting for events alone would then wait for ever.
+constexpr int WATCH_POLL_MS = 500;
 
 struct upload_thread {
     uint32_t id;
@@ -86,6 +92,13 @@ void queue_finished_file() {
 
 bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
 
+// True when an event can be read from the inotify descriptor within
+// WATCH_POLL_MS.
+bool event_waiting(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, WATCH_POLL_MS) > 0 && (p.revents & POLLIN) != 0;
+}
+
 } // namespace
 
 int th_create(void *(*fn)(void *)) {
@@ -134,10 +147,9 @@ int transport_test() {
     upload_params &p = continue_upload_params;
     p.wan_index = static_cast<uint8_t>(get_wan_index(g_cap_exec.wan_mask));
     p.protocol = g_cap_exec.protocol;
-    zq::copy(p.url, g_cap_exec.url);
     zq::copy(p.local_file, TRANSPORT_TEST_PATH);
     zq::copy(p.remote_file, "transport_test");
-    if (wput_url_parse(&p) != 0) {
+    if (!take_block_url(__func__, g_cap_exec, p) || wput_url_parse(&p) != 0) {
         ZQ_LOG("url parse error");
         return -1;
     }
@@ -195,6 +207,7 @@ void *watch_capture_dir(void *) {
         return nullptr;
     }
     while (tcpdump_running()) {
+        if (!event_waiting(fd)) continue;
         if (check_if_file_finish_write(fd) != 0) break;
         queue_finished_file();
     }
@@ -242,17 +255,20 @@ void *watch_finish(void *) {
     // removed only after that, and after the transfers still running, for
     // 3 seconds at most.
     const bool stopped_here = tcpdump_running();
-    if (stopped_here) {
-        stop_tcpdump_catch();
-        release_diag_permit();
-    }
+    if (stopped_here) stop_tcpdump_catch();
     const auto busy = [stopped_here] {
         return uploader_running() || zq_get_pid("ftp") != 0 ||
                (!stopped_here && zq::get_state(g_cap_exec) == EXEC_RUNNING);
     };
     for (unsigned i = 0; i < FINISH_POLLS && busy(); ++i) usleep(FINISH_POLL_US);
     zq_system("rm /tmp/capture_file/*");
-    if (zq::get_state(g_cap_exec) == EXEC_RUNNING) zq::set_state(g_cap_exec, EXEC_IDLE);
+    // The permit is given back here unless a stop request ended the capture
+    // (it gave the permit back and left the block idle): rotate mode ended
+    // without one when it stopped tcpdump itself, or when tcpdump died on
+    // its own, the block then still capturing or marked dead by the
+    // watchdog.
+    const bool unasked = zq::exchange_state(g_cap_exec, EXEC_RUNNING, EXEC_IDLE);
+    if (stopped_here || unasked || zq::get_state(g_cap_exec) == EXEC_DONE) release_diag_permit();
     ZQ_LOG_BREAK("tcpdump rotate mode done");
     del_upload_route(&continue_upload_params);
     return nullptr;

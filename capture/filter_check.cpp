@@ -3,7 +3,7 @@
 // Three kinds of text reach tcpdump's command line, and each has its own
 // rule:
 // - an interface name (from the capture block or the diagnosis manager):
-//   a plain name, nothing else;
+//   a plain name, nothing else (zq::is_interface_name);
 // - a caller's filter expression (zq_get_tcpdump_file): only what a tcpdump
 //   expression needs, and never anything the shell acts on or a word that
 //   tcpdump would take for an option (-w, -z and -r write files or run
@@ -23,8 +23,6 @@ namespace {
 bool is_alnum(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
 
 bool in_set(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
-
-constexpr size_t MAX_INTERFACE_NAME = 15; // the kernel's limit (IFNAMSIZ - 1)
 
 // Expression characters allowed anywhere, and those that are shell syntax
 // or patterns unquoted but plain text inside single quotes.
@@ -72,13 +70,6 @@ bool matches_template(std::string_view pattern, std::string_view text) {
 
 } // namespace
 
-bool is_interface_name(std::string_view name) {
-    if (name.empty() || name.size() > MAX_INTERFACE_NAME || name.front() == '-') return false;
-    for (char c : name)
-        if (!is_alnum(c) && !in_set(c, "_.-")) return false;
-    return true;
-}
-
 bool is_capture_filter(std::string_view filter) {
     bool quoted = false;
     for (char c : filter) {
@@ -87,7 +78,8 @@ bool is_capture_filter(std::string_view filter) {
         if (quoted && in_set(c, FILTER_QUOTED)) continue;
         return false; // ; | & $ ` \ " < > newline, controls, ... or a pattern unquoted
     }
-    return !quoted && !has_option_word(filter);
+    // ".." is no part of any expression, only of paths.
+    return !quoted && !has_option_word(filter) && filter.find("..") == std::string_view::npos;
 }
 
 bool is_decode_filter(std::string_view filter) {

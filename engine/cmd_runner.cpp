@@ -51,6 +51,7 @@ struct output_ring {
 struct line_cutter {
     size_t used = 0;       // bytes of the current read taken so far
     bool dropping = false; // the current read met a NUL: the rest is not kept
+    bool nul_noted = false;
 
     void feed(const char *p, size_t n, output_ring &ring) {
         if (!dropping && !memchr(p, '\0', n)) {
@@ -69,6 +70,10 @@ struct line_cutter {
                 const char *nul = static_cast<const char *>(memchr(p, '\0', len));
                 ring.put(p, nul ? static_cast<size_t>(nul - p) : len);
                 dropping = nul != nullptr;
+                if (dropping && !nul_noted) { // once per command
+                    nul_noted = true;
+                    ZQ_LOG_AS("zq_get_cmd_raw_data", "output holds a NUL byte: the rest of its line is dropped");
+                }
             }
             p += len;
             n -= len;

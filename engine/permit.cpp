@@ -14,6 +14,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 
 namespace {
@@ -21,6 +22,9 @@ namespace {
 constexpr const char *ALARM_KEY_PATH = "/tmp";
 constexpr int ALARM_KEY_ID = 955000;
 constexpr size_t PID_READ_SIZE = 32;
+// The process name of the diagnosis manager, as its pid file and its
+// command-line tool are named.
+constexpr std::string_view DIAG_MANAGER_NAME = "diagM";
 
 // Per-process caches. Racing writers store the same values.
 std::atomic<uint32_t *> alarm_address{nullptr};
@@ -30,6 +34,24 @@ std::atomic<int> diag_manager_pid{0};
 sem_t *open_permit() {
     sem_t *sem = sem_open(ZQ_PERMIT_NAME, O_CREAT, 0644, 1);
     return sem == SEM_FAILED ? nullptr : sem;
+}
+
+// True when `pid` is a running process that carries the diagnosis
+// manager's name. A pid file left behind by a manager that died names a
+// dead process or, once the system has handed the number out again, a
+// stranger, for which SIGUSR2 is most likely the end.
+bool is_diag_manager(int pid) {
+    if (pid <= 0) return false;
+    char path[32] = {};
+    ZQ_FORMAT(path, "/proc/%d/comm", pid);
+    FILE *file = fopen(path, "r");
+    if (!file) return false;
+    char name[32] = {};
+    const bool read = fgets(name, sizeof(name), file) != nullptr;
+    fclose(file);
+    std::string_view comm = zq::view(name);
+    if (!comm.empty() && comm.back() == '\n') comm.remove_suffix(1);
+    return read && comm == DIAG_MANAGER_NAME;
 }
 
 } // namespace
@@ -111,20 +133,35 @@ int is_diag_avaliable() {
 
 // The pid file holds the manager's pid as decimal text. At most 32 bytes are
 // read into a buffer one byte larger, so a long file still parses as a
-// terminated text; anything that is not a positive number means no manager.
+// terminated text; anything that is not a positive number means no manager
+// (0 and negative numbers would make kill() signal whole process groups).
 int read_diag_manager_pid() {
     FILE *file = fopen(ZQ_DIAGM_PID_PATH, "r");
     if (!file) return 0;
     char text[PID_READ_SIZE + 1] = {};
     size_t n = fread(text, 1, PID_READ_SIZE, file);
     fclose(file);
-    int pid = zq::to_int(std::string_view{text, n});
+    int pid = zq::read_number(__func__, ZQ_DIAGM_PID_PATH, std::string_view{text, n});
     return pid > 0 ? pid : 0;
 }
 
+// Only a running process with the manager's name is signalled. When the
+// known pid names none (the manager restarted, or died and left its pid
+// file), the pid file is read again; a pid that still names no manager is
+// left alone with a log line.
 void notify_diag_manager() {
     int pid = diag_manager_pid.load(std::memory_order_relaxed);
-    if (pid > 0) kill(pid, SIGUSR2);
+    if (pid <= 0) return;
+    if (!is_diag_manager(pid)) {
+        pid = read_diag_manager_pid();
+        diag_manager_pid.store(pid, std::memory_order_relaxed);
+        if (!is_diag_manager(pid)) {
+            if (pid > 0)
+                ZQ_LOG("pid %d of %s is no running diagnosis manager: not signalled", pid, ZQ_DIAGM_PID_PATH);
+            return;
+        }
+    }
+    kill(pid, SIGUSR2);
 }
 
 namespace {

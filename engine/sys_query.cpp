@@ -4,16 +4,18 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 
 namespace {
 constexpr unsigned MKDIR_SETTLE_US = 20000;
 }
 
-// Names go into a shell command; anything but a plain word is refused so a
-// caller's text can never run as a command of its own.
+// Names go into a shell command; anything but a plain process name is
+// refused so a caller's text can never run as a command of its own, nor
+// become a pattern (pgrep takes one) that matches every process.
 uint64_t zq_get_pid(const char *name) {
-    if (!zq::is_shell_word(zq::view(name))) {
+    if (!zq::is_process_name(zq::view(name))) {
         ZQ_LOG("invalid process name");
         return 0;
     }

@@ -114,6 +114,11 @@ inline uint64_t parse_u64_prefix(std::string_view s) {
 
 bool file_exists(const char *path);
 
+// A text field filled outside the library (a control block, a caller's
+// structure): true when it ends inside its array, so it can be used as a C
+// string. A field filled to its last byte was cut by whoever filled it.
+template <size_t N> bool terminated(const char (&field)[N]) { return strnlen(field, N) < N; }
+
 } // namespace zq
 
 namespace zq {
@@ -132,16 +137,15 @@ inline bool is_word_of(std::string_view s, std::string_view extra) {
 }
 
 // True when `s` is a non-empty word that can stand unquoted in a shell
-// command: letters, digits and _ . - / : only. Names and keys that callers
+// command: letters, digits and _ . - / : only, and never a leading '-',
+// which the command would take for an option. Names and keys that callers
 // hand to the library's command templates are checked with it.
-inline bool is_shell_word(std::string_view s) { return is_word_of(s, "_.-/:"); }
+inline bool is_shell_word(std::string_view s) { return is_word_of(s, "_.-/:") && s.front() != '-'; }
 
-// True when `s` is a plain address, host name or interface name: what may
-// stand as ping's host or follow its -I. Letters and digits, then also
-// . - _ : % (IPv6 texts, scoped addresses); never a leading '-', which a
-// command would take for an option. Values that outside programs report
-// (the diagnosis manager's addresses) pass this test before they reach a
-// command line.
+// True when `s` is a plain address or host name: what may stand as ping's
+// host. Letters and digits, then also . - _ : % (IPv6 texts, scoped
+// addresses); never a leading '-', which a command would take for an
+// option.
 inline bool is_host_word(std::string_view s) {
     if (s.empty() || (!is_ascii_alnum(s[0]) && s[0] != ':')) return false;
     for (char c : s)

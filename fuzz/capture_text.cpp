@@ -42,7 +42,7 @@ void check_filter(std::string_view text) {
 }
 
 void check_interface(std::string_view text) {
-    if (!is_interface_name(text)) return;
+    if (!zq::is_interface_name(text)) return;
     FUZZ_CHECK(!text.empty() && text.size() <= 15 && text.front() != '-');
     for (char c : text)
         FUZZ_CHECK((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||

@@ -68,9 +68,10 @@ uint64_t model_u64_prefix(std::string_view s) {
     return v > UINT64_MAX ? 0 : static_cast<uint64_t>(v);
 }
 
+// A shell word: letters, digits and _ . - / : only, never a leading '-'.
 bool model_shell_word(std::string_view s) {
     static const char allowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-/:";
-    if (s.empty()) return false;
+    if (s.empty() || s[0] == '-') return false;
     for (char c : s)
         if (!memchr(allowed, c, sizeof(allowed) - 1)) return false;
     return true;

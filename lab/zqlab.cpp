@@ -100,6 +100,11 @@ void set(const std::string &key, const std::string &value) {
     zqlab_cmd("set", "set " + quote(key) + " -", &value);
 }
 
+void put(const std::string &key, const std::string &value) {
+    key_path("put", key);
+    zqlab_cmd("put", "put " + quote(key), &value);
+}
+
 void unset(const std::string &key) {
     key_path("unset", key);
     zqlab_cmd("unset", "unset " + quote(key));

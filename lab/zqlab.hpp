@@ -22,6 +22,11 @@ void scenario(const std::string &name);
 // Sets one key and applies it at once (files rewritten, daemons started or
 // stopped, the alarm word stored, ...). Keys that start with '/' are files.
 void set(const std::string &key, const std::string &value);
+// Stores a key's value exactly as given (any bytes, NULs included) and
+// applies nothing: the gateway's tools answer it from now on, but the
+// network, daemons and derived files stay as they are. For feeding the
+// library answers no real gateway would give (injection payloads), fast.
+void put(const std::string &key, const std::string &value);
 // Removes a key (a file key deletes the file).
 void unset(const std::string &key);
 // The key's value exactly as stored, "" when the key is not set.

@@ -42,6 +42,11 @@ int is_tr069_enable();
 void restart_process(const char *name, const char *path);
 int if_multi_udhcpd_exist();
 int count_substr(const char *text, const char *needle);
+// The fields of the status block that the gateway's files give:
+// software_version from /etc/version and /etc/custname, dnsmasq from the
+// forwarder's configuration.
+void read_software_version(zqSD_sys_diag &block);
+void read_dns_servers(zqSD_sys_diag &block);
 int fix_multi_udhcpd();
 // Parsers of the tools' output: the "free | grep Mem" line into the memory
 // fields, the first line of /proc/stat into a sample (fields it does not

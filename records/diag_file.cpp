@@ -82,6 +82,13 @@ template <size_t N> void run_all(const char *const (&commands)[N]) {
 
 FILE *open_diag_log() { return fopen(ZQ_DIAG_LOG_PATH, "a"); }
 
+// Closes the log; a write that did not reach the file (a full /tmp) gets a
+// log line under `caller`, since the findings are then missing from the log.
+void close_diag_log(FILE *log, const char *caller) {
+    const bool failed = ferror(log) != 0;
+    if (fclose(log) != 0 || failed) ZQ_LOG_AS(caller, "log record fail, can't write log file");
+}
+
 const char *action_word(uint32_t action) {
     if (action == ACTION_DIAG) return "diag";
     if (action == ACTION_FIX) return "fix";
@@ -166,7 +173,7 @@ void diag_log_record(zq_diag_step step) {
     fprintf(log, "\n>>>> %.*s %s <<<<\n", static_cast<int>(method.size()), method.data(),
             action_word(step.action));
     fwrite(zq_diag_msg, 1, strnlen(zq_diag_msg, sizeof(zq_diag_msg)), log);
-    fclose(log);
+    close_diag_log(log, __func__);
 }
 
 void load_chain_data_in_log() {
@@ -180,7 +187,7 @@ void load_chain_data_in_log() {
                                                           load_dhcp_diag, load_sys_diag};
     fputs("\n>>>>>>> DIAG DATA <<<<<<<\n", log);
     for (auto write_section : SECTION_WRITERS) write_section(log);
-    fclose(log);
+    close_diag_log(log, __func__);
 }
 
 void load_port_diag(FILE *file) {
@@ -276,7 +283,13 @@ int zq_packet_diag_file() {
         return -1;
     }
     if (zq::file_exists(PACKAGE_PATH)) zq_system("rm /tmp/diag_file/diag_log.tar");
-    zq_system(cmd);
+    // A failed archive (a full /tmp cuts it) is removed rather than left to
+    // be uploaded as if it were the package.
+    if (zq_system(cmd) != 0) {
+        ZQ_LOG("packing the diagnosis files failed");
+        if (zq::file_exists(PACKAGE_PATH)) zq_system("rm /tmp/diag_file/diag_log.tar");
+        return -1;
+    }
     return 0;
 }
 

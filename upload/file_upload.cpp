@@ -12,6 +12,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 #include "upload/upload.h"
 
@@ -37,9 +38,7 @@ template <size_t N, size_t M> void run_cmd(const char (&cmd)[N], char (&out)[M])
     zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, N, out, M));
 }
 
-// A text field filled by the management process or a caller: it must end
-// inside its array before it is used as a C string.
-template <size_t N> bool terminated(const char (&field)[N]) { return strnlen(field, N) < N; }
+using zq::terminated;
 
 // Every field that a transfer puts into a command or the FTP script; empty
 // optional fields pass (the transfer methods test what they need).
@@ -149,7 +148,7 @@ int upload_route(const char *caller, const char *verb, const upload_params &p) {
     // beside each other and beside a capture.
     char out[64] = {};
     run_cmd(cmd, out);
-    return zq::to_int(out);
+    return zq::read_number(caller, "route answer", zq::view(out));
 }
 
 } // namespace

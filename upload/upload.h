@@ -44,6 +44,10 @@ int zq_rename_file_name(const char *src, char *dst, const char *stamp, uint32_t 
 // then holding `src`.
 int stamped_path(std::string_view src, std::string_view stamp, uint32_t mode, uint64_t max_len, char *dst);
 int get_wan_index(uint8_t mask);
+// Copies the control block's url into `p`. A url that fills all 64 bytes
+// of its field without a terminator was cut by whoever wrote it: it is
+// refused with a log line and `p.url` stays empty.
+bool take_block_url(const char *caller, const diag_exec_ctl &block, upload_params &p);
 int rotate_mode_init(tcpdump_req *req);
 constexpr const char *ZQ_TIME_STATUS_PATH = "/tmp/timeStatus";
 // The size `out` of zq_get_timestamps must have.

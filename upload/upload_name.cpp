@@ -6,6 +6,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 #include "upload/upload.h"
 
@@ -49,7 +50,7 @@ int is_time_synced() {
     char text[TIME_STATUS_READ + 1] = {};
     const size_t n = fread(text, 1, TIME_STATUS_READ, file);
     fclose(file);
-    return zq::to_int(std::string_view(text, n)) == TIME_SYNCED ? 1 : 0;
+    return zq::read_number(__func__, ZQ_TIME_STATUS_PATH, std::string_view(text, n)) == TIME_SYNCED ? 1 : 0;
 }
 
 int zq_get_month_num(const char *name) {

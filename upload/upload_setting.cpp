@@ -81,7 +81,7 @@ void fill_upload_params(const char *caller, const upload_setting &s, upload_para
     diag_exec_ctl &block = *s.block;
     p->wan_index = static_cast<uint8_t>(get_wan_index(block.wan_mask));
     p->protocol = block.protocol;
-    zq::copy(p->url, block.url);
+    take_block_url(caller, block, *p);
 
     char path[sizeof(p->local_file)] = {};
     if (zq::file_exists(s.archive)) {
@@ -124,6 +124,16 @@ void *run_upload_worker(const upload_setting &s, void (*setting)(upload_params *
 
 } // namespace
 
+bool take_block_url(const char *caller, const diag_exec_ctl &block, upload_params &p) {
+    memset(p.url, 0, sizeof(p.url));
+    if (!zq::terminated(block.url)) {
+        ZQ_LOG_AS(caller, "refused url: unterminated text");
+        return false;
+    }
+    zq::copy(p.url, block.url);
+    return true;
+}
+
 void diagnose_upload_setting(upload_params *p) {
     if (p) fill_upload_params(__func__, DIAGNOSIS_UPLOAD, p);
 }
@@ -142,8 +152,8 @@ int rotate_mode_init(tcpdump_req *req) {
     if (g_cap_exec.kind != 0 && static_cast<int>(g_cap_exec.kind) != get_wan_index(g_cap_exec.wan_mask))
         return 0;
     upload_params scratch{};
-    zq::copy(scratch.url, g_cap_exec.url);
-    if (wput_url_parse(&scratch) == 0 && scratch.host[0] != '\0') {
+    if (take_block_url(__func__, g_cap_exec, scratch) && wput_url_parse(&scratch) == 0 &&
+        scratch.host[0] != '\0') {
         ZQ_FORMAT(req->filter, "'! host %s'", scratch.host);
         return 0;
     }

@@ -4,6 +4,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 #include "methods/methods.h"
 #include "methods/result_word.h"
@@ -20,7 +21,8 @@ constexpr uint32_t ALL_PORTS_DOWN = 2;
 constexpr int MAX_PORTS = 64;
 
 int port_count() {
-    int count = zq::to_int(zq_get_cmd_result("diagM get port_info port_num"));
+    int count = zq::read_number("zq_get_port_status_diag", "port_num",
+                                zq::view(zq_get_cmd_result("diagM get port_info port_num")));
     if (count < 1) return 1;
     if (count > MAX_PORTS) {
         ZQ_LOG("port count %d out of range, the first %d ports are checked", count, MAX_PORTS);

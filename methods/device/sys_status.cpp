@@ -92,24 +92,6 @@ void first_line(char (&dst)[VERSION_TEXT_SIZE], const char *cmd) {
     dst[strcspn(dst, "\n")] = '\0';
 }
 
-void read_software_version(zqSD_sys_diag &block) {
-    char version[VERSION_TEXT_SIZE] = {};
-    char customer[VERSION_TEXT_SIZE] = {};
-    first_line(version, "cat /etc/version");
-    first_line(customer, "cat /etc/custname");
-    ZQ_FORMAT(block.software_version, "%s [%s]", version, customer);
-}
-
-// The forwarder's upstream servers, one per line of the command's output,
-// become a list in which each ends with "/". A list longer than the field
-// keeps its first 255 characters.
-void read_dns_servers(zqSD_sys_diag &block) {
-    zq::copy(block.dnsmasq, zq_get_cmd_result(DNS_SERVERS_CMD));
-    const size_t length = zq::bounded_len(block.dnsmasq, sizeof(block.dnsmasq));
-    for (size_t i = 0; i < length; ++i)
-        if (block.dnsmasq[i] == '\n') block.dnsmasq[i] = '/';
-}
-
 // ---- Diagnosis ----------------------------------------------------------------
 
 // What the checks look at; the PON mode is asked once, when a check first
@@ -184,6 +166,26 @@ void repair(uint32_t faults) {
 }
 
 } // namespace
+
+// ---- What the gateway's files say ----------------------------------------------
+
+void read_software_version(zqSD_sys_diag &block) {
+    char version[VERSION_TEXT_SIZE] = {};
+    char customer[VERSION_TEXT_SIZE] = {};
+    first_line(version, "cat /etc/version");
+    first_line(customer, "cat /etc/custname");
+    ZQ_FORMAT(block.software_version, "%s [%s]", version, customer);
+}
+
+// The forwarder's upstream servers, one per line of the command's output,
+// become a list in which each ends with "/". A list longer than the field
+// keeps its first 255 characters.
+void read_dns_servers(zqSD_sys_diag &block) {
+    zq::copy(block.dnsmasq, zq_get_cmd_result(DNS_SERVERS_CMD));
+    const size_t length = zq::bounded_len(block.dnsmasq, sizeof(block.dnsmasq));
+    for (size_t i = 0; i < length; ++i)
+        if (block.dnsmasq[i] == '\n') block.dnsmasq[i] = '/';
+}
 
 // ---- Parsers of the tools' output -------------------------------------------------
 

@@ -5,6 +5,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 #include "methods/methods.h"
 #include "records/records.h"
@@ -23,6 +24,7 @@ struct text_key {
     const char *key;
     size_t offset;
     size_t size;
+    bool whole; // goes into commands: cut to its field it would name something else
 };
 struct number_key {
     const char *key;
@@ -30,21 +32,24 @@ struct number_key {
     size_t width; // 1 or 2 bytes
 };
 #define ZQ_TEXT_KEY(field)                                                                                   \
-    text_key { #field, offsetof(zqSD_wan_diag, field), sizeof(zqSD_wan_diag::field) }
+    text_key { #field, offsetof(zqSD_wan_diag, field), sizeof(zqSD_wan_diag::field), false }
+#define ZQ_WHOLE_KEY(field)                                                                                  \
+    text_key { #field, offsetof(zqSD_wan_diag, field), sizeof(zqSD_wan_diag::field), true }
 #define ZQ_NUMBER_KEY(field)                                                                                 \
     number_key { #field, offsetof(zqSD_wan_diag, field), sizeof(zqSD_wan_diag::field) }
 
 // The queries of the status block, in the order they run.
-constexpr text_key IDENTITY_KEYS[] = {ZQ_TEXT_KEY(nas_interface), ZQ_TEXT_KEY(wan_name),
+constexpr text_key IDENTITY_KEYS[] = {ZQ_WHOLE_KEY(nas_interface), ZQ_TEXT_KEY(wan_name),
                                       ZQ_TEXT_KEY(protocol), ZQ_TEXT_KEY(service_type), ZQ_TEXT_KEY(type)};
 constexpr number_key NUMBER_KEYS[] = {ZQ_NUMBER_KEY(nat_enable), ZQ_NUMBER_KEY(vlan_enable),
                                       ZQ_NUMBER_KEY(vlan), ZQ_NUMBER_KEY(disable_lan_dhcp),
                                       ZQ_NUMBER_KEY(itfGroup)};
 // Addresses, asked only of a routed WAN that carries the protocol.
-constexpr text_key V4_KEYS[] = {ZQ_TEXT_KEY(v4_ip), ZQ_TEXT_KEY(v4_gateway), ZQ_TEXT_KEY(v4_master_dns),
+constexpr text_key V4_KEYS[] = {ZQ_WHOLE_KEY(v4_ip), ZQ_WHOLE_KEY(v4_gateway), ZQ_TEXT_KEY(v4_master_dns),
                                 ZQ_TEXT_KEY(v4_slave_dns)};
-constexpr text_key V6_KEYS[] = {ZQ_TEXT_KEY(v6_ip), ZQ_TEXT_KEY(v6_gateway)};
+constexpr text_key V6_KEYS[] = {ZQ_WHOLE_KEY(v6_ip), ZQ_WHOLE_KEY(v6_gateway)};
 #undef ZQ_TEXT_KEY
+#undef ZQ_WHOLE_KEY
 #undef ZQ_NUMBER_KEY
 
 // A WAN without a working address is judged by how it gets one.
@@ -66,9 +71,20 @@ uint32_t fallback_verdict(const zqSD_wan_diag &block) {
     return WAN_STATIC_SERVICE_ERROR;
 }
 
+// Each answer is copied, cut to its field. An interface name or address
+// that does not fit is refused instead (left empty): cut, it would name
+// another interface or address.
 template <size_t N> void query_texts(const text_key (&keys)[N], uint32_t index, zqSD_wan_diag &block) {
     auto *bytes = reinterpret_cast<char *>(&block);
-    for (const text_key &k : keys) zq::copy(bytes + k.offset, k.size, zq::view(get_wan_info(k.key, index)));
+    for (const text_key &k : keys) {
+        const std::string_view answer = zq::view(get_wan_info(k.key, index));
+        if (k.whole && answer.size() >= k.size) {
+            ZQ_LOG_AS("zq_get_wan_status_struct", "wan_info %s of WAN %u [%s] is longer than %zu: refused",
+                      k.key, index, zq::shown(answer).text, k.size - 1);
+            continue;
+        }
+        zq::copy(bytes + k.offset, k.size, answer);
+    }
 }
 
 void query_numbers(uint32_t index, zqSD_wan_diag &block) {
@@ -81,9 +97,10 @@ void query_numbers(uint32_t index, zqSD_wan_diag &block) {
     }
 }
 
-// One protocol of one WAN: ping its gateway from its address. An address
-// that is no plain address (the manager may report anything) counts as
-// missing and never reaches the command line.
+// One protocol of one WAN: ping its gateway from its address. A value that
+// is no address of the protocol (the manager may report anything, cut to
+// its field) counts as missing: it never reaches the command line, and the
+// WAN is judged by its type as one without an address.
 template <size_t N>
 uint32_t check_connect(const zqSD_wan_diag &block, uint8_t family, const char (&ip)[N],
                        const char (&gateway)[N]) {
@@ -91,9 +108,8 @@ uint32_t check_connect(const zqSD_wan_diag &block, uint8_t family, const char (&
     const std::string_view gateway_text = zq::view(gateway);
     if (ip_text.empty() || gateway_text.empty()) return fallback_verdict(block);
     for (std::string_view value : {ip_text, gateway_text}) {
-        if (!zq::is_host_word(value)) {
-            ZQ_LOG("wan address [%.*s] is no plain address: taken as empty", static_cast<int>(value.size()),
-                   value.data());
+        if (!(family == 6 ? zq::is_ipv6_address(value) : zq::is_ipv4_address(value))) {
+            ZQ_LOG("wan address [%s] is no IPv%d address: taken as empty", zq::shown(value).text, family);
             return fallback_verdict(block);
         }
     }
@@ -134,7 +150,8 @@ int zq_get_wan_status_struct(zq_diag_args args) {
 }
 
 int zq_get_wan_status_diag(zq_diag_args) {
-    int count = zq::to_int(zq_get_cmd_result("diagM get wan_info wan_num"));
+    int count =
+        zq::read_number(__func__, "wan_num", zq::view(zq_get_cmd_result("diagM get wan_info wan_num")));
     if (count > MAX_WANS) {
         ZQ_LOG("wan_num %d is more than %d, only the first are diagnosed", count, MAX_WANS);
         count = MAX_WANS;

@@ -6,6 +6,7 @@
 
 #include "engine/engine.h"
 #include "engine/log.h"
+#include "engine/outside_text.h"
 #include "engine/util.h"
 #include "methods/methods.h"
 
@@ -86,8 +87,9 @@ uint32_t ping_verdict(const ping_result &r) {
 }
 
 // The host and the source come from outside (the diagnosis manager's
-// addresses, a management process's record): only a plain address, host or
-// interface name reaches the command line; anything else counts as empty.
+// addresses, a management process's record): only a plain address or host
+// name, and as the source only an address or an interface name, reach the
+// command line; anything else counts as empty.
 int zq_get_ping_raw_data(zq_diag_args args) {
     ping_request req;
     memcpy(&req, args.in_buf, sizeof(req));
@@ -95,15 +97,13 @@ int zq_get_ping_raw_data(zq_diag_args args) {
     const std::string_view source = zq::view(req.source);
 
     char option[64] = {};
-    if (zq::is_host_word(source))
+    if (zq::is_ipv4_address(source) || zq::is_ipv6_address(source) || zq::is_interface_name(source))
         ZQ_FORMAT(option, "-I %.*s", static_cast<int>(source.size()), source.data());
     else if (!source.empty())
-        ZQ_LOG("source [%.*s] is no address or interface: pinged without it", static_cast<int>(source.size()),
-               source.data());
+        ZQ_LOG("source [%s] is no address or interface: pinged without it", zq::shown(source).text);
     if (host.empty()) return 0;
     if (!zq::is_host_word(host)) {
-        ZQ_LOG("host [%.*s] is no address or host name: not pinged", static_cast<int>(host.size()),
-               host.data());
+        ZQ_LOG("host [%s] is no address or host name: not pinged", zq::shown(host).text);
         return 0;
     }
 

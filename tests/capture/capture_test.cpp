@@ -130,9 +130,9 @@ TEST_F(Capture, FilterRules) {
                             "icmp < /tmp/x", "a\nb", "-w /tmp/x", "icmp '-z' x", "icmp -r /tmp/x",
                             "'unbalanced", "ether[0]==1", "(icmp)", "\"icmp\"", "a\\;b", "host *"})
         EXPECT_FALSE(is_capture_filter(bad)) << bad;
-    for (const char *ok : {"lo", "nas0_0", "eth0.100", "any"}) EXPECT_TRUE(is_interface_name(ok)) << ok;
-    for (const char *bad : {"", "-w", "lo;x", "a b", "lo$x", "sixteen_chars_xx", "lo/x"})
-        EXPECT_FALSE(is_interface_name(bad)) << bad;
+    for (const char *ok : {"lo", "nas0_0", "eth0.100", "any"}) EXPECT_TRUE(zq::is_interface_name(ok)) << ok;
+    for (const char *bad : {"", "-w", "lo;x", "a b", "lo$x", "sixteen_chars_xx", "lo/x", ".", ".."})
+        EXPECT_FALSE(zq::is_interface_name(bad)) << bad;
     EXPECT_TRUE(is_decode_filter(DHCP_DECODE_FILTER));
     EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 12 ) "
                                  "and (pppoed or pppoes)\" "));
