@@ -22,9 +22,6 @@ namespace {
 constexpr const char *ALARM_KEY_PATH = "/tmp";
 constexpr int ALARM_KEY_ID = 955000;
 constexpr size_t PID_READ_SIZE = 32;
-// The process name of the diagnosis manager, as its pid file and its
-// command-line tool are named.
-constexpr std::string_view DIAG_MANAGER_NAME = "diagM";
 
 // Per-process caches. Racing writers store the same values.
 std::atomic<uint32_t *> alarm_address{nullptr};
@@ -36,23 +33,9 @@ sem_t *open_permit() {
     return sem == SEM_FAILED ? nullptr : sem;
 }
 
-// True when `pid` is a running process that carries the diagnosis
-// manager's name. A pid file left behind by a manager that died names a
-// dead process or, once the system has handed the number out again, a
-// stranger, for which SIGUSR2 is most likely the end.
-bool is_diag_manager(int pid) {
-    if (pid <= 0) return false;
-    char path[32] = {};
-    ZQ_FORMAT(path, "/proc/%d/comm", pid);
-    FILE *file = fopen(path, "r");
-    if (!file) return false;
-    char name[32] = {};
-    const bool read = fgets(name, sizeof(name), file) != nullptr;
-    fclose(file);
-    std::string_view comm = zq::view(name);
-    if (!comm.empty() && comm.back() == '\n') comm.remove_suffix(1);
-    return read && comm == DIAG_MANAGER_NAME;
-}
+// True unless `pid` names no process at all (a process of another user
+// still counts: it exists).
+bool process_exists(int pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
 
 } // namespace
 
@@ -145,19 +128,20 @@ int read_diag_manager_pid() {
     return pid > 0 ? pid : 0;
 }
 
-// Only a running process with the manager's name is signalled. When the
-// known pid names none (the manager restarted, or died and left its pid
-// file), the pid file is read again; a pid that still names no manager is
-// left alone with a log line.
+// The manager is signalled at the pid it wrote. When no process has that pid
+// any more (the manager restarted, or died and left its pid file), the pid
+// file is read again, so a restarted manager is found under its new pid; a
+// pid that names no process is not signalled. A pid file left behind whose
+// number the system has handed to another process cannot be told from the
+// manager: that process is signalled, as the pid file says.
 void notify_diag_manager() {
     int pid = diag_manager_pid.load(std::memory_order_relaxed);
     if (pid <= 0) return;
-    if (!is_diag_manager(pid)) {
+    if (!process_exists(pid)) {
         pid = read_diag_manager_pid();
         diag_manager_pid.store(pid, std::memory_order_relaxed);
-        if (!is_diag_manager(pid)) {
-            if (pid > 0)
-                ZQ_LOG("pid %d of %s is no running diagnosis manager: not signalled", pid, ZQ_DIAGM_PID_PATH);
+        if (!process_exists(pid)) {
+            if (pid > 0) ZQ_LOG("pid %d of %s names no process: not signalled", pid, ZQ_DIAGM_PID_PATH);
             return;
         }
     }
