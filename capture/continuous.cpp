@@ -269,8 +269,8 @@ void *watch_finish(void *) {
     // watchdog.
     // Only a block still capturing is written: a stop request has left it
     // idle, and the caller may be reading it.
-    const bool unasked = zq::get_state(g_cap_exec) == EXEC_RUNNING &&
-                         zq::exchange_state(g_cap_exec, EXEC_RUNNING, EXEC_IDLE);
+    const bool unasked =
+        zq::get_state(g_cap_exec) == EXEC_RUNNING && zq::exchange_state(g_cap_exec, EXEC_RUNNING, EXEC_IDLE);
     if (stopped_here || unasked || zq::get_state(g_cap_exec) == EXEC_DONE) release_diag_permit();
     ZQ_LOG_BREAK("tcpdump rotate mode done");
     del_upload_route(&continue_upload_params);

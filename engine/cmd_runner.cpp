@@ -72,7 +72,8 @@ struct line_cutter {
                 dropping = nul != nullptr;
                 if (dropping && !nul_noted) { // once per command
                     nul_noted = true;
-                    ZQ_LOG_AS("zq_get_cmd_raw_data", "output holds a NUL byte: the rest of its line is dropped");
+                    ZQ_LOG_AS("zq_get_cmd_raw_data",
+                              "output holds a NUL byte: the rest of its line is dropped");
                 }
             }
             p += len;
