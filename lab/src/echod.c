@@ -60,13 +60,13 @@ static uint16_t checksum(const unsigned char *p, size_t len) {
 }
 
 /* "ADDR=MS,MS,..." */
-static int parse_spec(const char *spec) {
+static int parse_delays(const char *arg) {
     if (ntable == MAX_ADDRS) return -1;
     char addr[64];
-    const char *eq = strchr(spec, '=');
-    if (!eq || (size_t)(eq - spec) >= sizeof addr) return -1;
-    memcpy(addr, spec, (size_t)(eq - spec));
-    addr[eq - spec] = '\0';
+    const char *eq = strchr(arg, '=');
+    if (!eq || (size_t)(eq - arg) >= sizeof addr) return -1;
+    memcpy(addr, arg, (size_t)(eq - arg));
+    addr[eq - arg] = '\0';
     if (inet_pton(AF_INET, addr, &table[ntable].addr) != 1) return -1;
     const char *p = eq + 1;
     unsigned n = 0;
@@ -169,7 +169,7 @@ static void write_flag(const char *path, const char *value) {
 
 int main(int argc, char **argv) {
     for (int i = 1; i < argc; i++) {
-        if (parse_spec(argv[i]) != 0) {
+        if (parse_delays(argv[i]) != 0) {
             fprintf(stderr, "zqlab-echod: bad delay list '%s' (ADDR=MS[,MS...])\n", argv[i]);
             return 2;
         }
