@@ -281,7 +281,7 @@ int interface_index_of(const char *line) {
         if (start == std::string_view::npos) break;
         rest.remove_prefix(start);
         const size_t end = rest.find_first_of(" \t\r\n");
-        zq::copy(word, rest.substr(0, end));
+        zq::copy(word, zq::slice(rest, 0, end));
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
     }
     // A negative index is as meaningless as 0.

@@ -17,6 +17,7 @@
 #include <cstddef>
 
 #include "capture/capture.h"
+#include "engine/util.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ bool has_option_word(std::string_view filter) {
 bool matches_template(std::string_view pattern, std::string_view text) {
     size_t t = 0;
     for (size_t p = 0; p < pattern.size(); ++p) {
-        if (pattern.substr(p, 2) == "%d") {
+        if (zq::slice(pattern, p, p + 2) == "%d") {
             size_t digits = 0;
             while (t < text.size() && text[t] >= '0' && text[t] <= '9' && digits < MAX_NUMBER_DIGITS) {
                 ++t;
