@@ -23,6 +23,12 @@ constexpr uint64_t ZQ_MAX_ALLOWANCE = 3;
 
 // The user capture described by g_cap_exec (mode, kind): 0 when it runs.
 int start_tcpdump_process();
+// The tcpdump of the user capture: noted once it runs, so that the
+// capture's end points can tell it from a tcpdump someone else started
+// after it died. user_capture_alive is true while that process lives.
+void note_user_capture();
+void forget_user_capture();
+bool user_capture_alive();
 // Capture interface index to interface name: 0 is "any", n the interface
 // of WAN n + 1 (as the diagnosis manager names it). Always 0.
 int convert_interface(uint32_t index, char *out, uint64_t size);

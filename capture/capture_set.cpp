@@ -17,7 +17,9 @@ constexpr uint64_t USER_CATCH_COUNT = 5000;
 
 int start_single_capture(tcpdump_req req) {
     req.catch_count = USER_CATCH_COUNT;
-    return zq_get_tcpdump_file(req);
+    if (zq_get_tcpdump_file(req) != 0) return -1;
+    note_user_capture();
+    return 0;
 }
 
 struct capture_mode {
@@ -29,12 +31,26 @@ constexpr capture_mode CAPTURE_MODES[] = {
     {CAPTURE_MODE_ROTATE, start_rotate_capture},
 };
 
+// The capture's tcpdump may have ended by itself (a single capture after
+// its packet count) before the stop request; the permit it took is still
+// this process's then, unless another process freed it meanwhile. When
+// another tcpdump runs by now, that is someone else's capture: it is not
+// stopped and the permit is left to it; the block records the capture as
+// ended, as the watchdog would.
 void stop_capture() {
     if (zq::get_state(g_cap_exec) != EXEC_RUNNING) return;
+    if (!user_capture_alive() && zq_get_pid("tcpdump") != 0) {
+        ZQ_LOG_AS("capture_set",
+                  "the capture's tcpdump is gone and another runs: it and the permit are left alone");
+        forget_user_capture();
+        zq::set_state(g_cap_exec, EXEC_DONE);
+        return;
+    }
     stop_tcpdump_catch();
+    forget_user_capture();
     packet_capture_file();
     zq::set_state(g_cap_exec, g_cap_exec.mode == CAPTURE_MODE_ROTATE ? EXEC_IDLE : EXEC_DONE);
-    release_diag_permit();
+    zq::release_own_permit("capture_set");
 }
 
 // A start while a capture runs is refused: going on would lose track of
@@ -49,7 +65,7 @@ int start_capture() {
         return -1;
     }
     if (start_tcpdump_process() != 0) {
-        release_diag_permit();
+        zq::release_own_permit("capture_set");
         return -1;
     }
     zq::set_state(g_cap_exec, EXEC_RUNNING);
@@ -133,19 +149,28 @@ int capture_set() {
     return result;
 }
 
-// A dead single capture is also finished here: its files are packed and
-// the permit it held is given back, since a later stop request finds the
-// state no longer running and would leave the gateway locked. Only a
-// capture this block was running is finished; the rotate mode ends its own
-// capture.
+// Only records the death: the permit the capture took stays taken and its
+// files stay as they are. By the time a caller polls, another process may
+// have freed that permit and taken it, and nothing here can tell; giving
+// it back is for the management process, which knows what it started.
 int capture_abnormal_get() {
     if (g_cap_exec.action != CAPTURE_START || zq_get_pid("tcpdump") != 0) return 0;
-    const bool was_running = zq::get_state(g_cap_exec) == EXEC_RUNNING;
     g_cap_exec.action = CAPTURE_STOP;
     zq::set_state(g_cap_exec, EXEC_DONE);
-    if (was_running && g_cap_exec.mode == CAPTURE_MODE_SINGLE) {
-        packet_capture_file();
-        release_diag_permit();
-    }
     return -1;
+}
+
+namespace {
+// The tcpdump of the user capture this process started last; 0 when none
+// runs for it. Written by the start and by the end points, read by the
+// rotate-mode threads.
+uint64_t user_capture_pid;
+} // namespace
+
+void note_user_capture() { __atomic_store_n(&user_capture_pid, zq_get_pid("tcpdump"), __ATOMIC_RELEASE); }
+
+void forget_user_capture() { __atomic_store_n(&user_capture_pid, 0, __ATOMIC_RELEASE); }
+
+bool user_capture_alive() {
+    return zq::process_alive_as(__atomic_load_n(&user_capture_pid, __ATOMIC_ACQUIRE), "tcpdump");
 }

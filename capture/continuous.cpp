@@ -127,6 +127,7 @@ int start_rotate_capture(tcpdump_req req) {
     req.catch_count = get_max_size_of_tcpdump_file();
     if (rotate_mode_init(&req) != 0) return -1;
     if (zq_get_tcpdump_file(req) != 0) return -1;
+    note_user_capture();
     start_tcpdump_continue_uploading();
     return 0;
 }
@@ -249,29 +250,30 @@ void *tcpdump_file_upload(void *) {
 }
 
 void *watch_finish(void *) {
-    // A tcpdump still running is stopped here. One that is gone was stopped
-    // by the user's stop request, which packs the remaining files into
-    // capture.tar while the block still reads "capturing": the files are
-    // removed only after that, and after the transfers still running, for
-    // 3 seconds at most.
-    const bool stopped_here = tcpdump_running();
-    if (stopped_here) stop_tcpdump_catch();
+    // Only this capture's own tcpdump is stopped here, and the permit given
+    // back only while this process still holds it. A tcpdump that is gone
+    // was stopped by the user's stop request (which gave the permit back
+    // and packs the remaining files while the block still reads
+    // "capturing") or died by itself (its permit then stays taken, as for
+    // a dead single capture); a tcpdump running now is then another
+    // capture's, and the permit may be another's too.
+    const bool stopped_here = user_capture_alive();
+    if (stopped_here) {
+        stop_tcpdump_catch();
+        forget_user_capture();
+        zq::release_own_permit(__func__);
+    }
+    // The files are removed only after the stop's packing, and after the
+    // transfers still running, for 3 seconds at most.
     const auto busy = [stopped_here] {
         return uploader_running() || zq_get_pid("ftp") != 0 ||
                (!stopped_here && zq::get_state(g_cap_exec) == EXEC_RUNNING);
     };
     for (unsigned i = 0; i < FINISH_POLLS && busy(); ++i) usleep(FINISH_POLL_US);
     zq_system("rm /tmp/capture_file/*");
-    // The permit is given back here unless a stop request ended the capture
-    // (it gave the permit back and left the block idle): rotate mode ended
-    // without one when it stopped tcpdump itself, or when tcpdump died on
-    // its own, the block then still capturing or marked dead by the
-    // watchdog.
     // Only a block still capturing is written: a stop request has left it
     // idle, and the caller may be reading it.
-    const bool unasked =
-        zq::get_state(g_cap_exec) == EXEC_RUNNING && zq::exchange_state(g_cap_exec, EXEC_RUNNING, EXEC_IDLE);
-    if (stopped_here || unasked || zq::get_state(g_cap_exec) == EXEC_DONE) release_diag_permit();
+    zq::exchange_state(g_cap_exec, EXEC_RUNNING, EXEC_IDLE);
     ZQ_LOG_BREAK("tcpdump rotate mode done");
     del_upload_route(&continue_upload_params);
     return nullptr;

@@ -1,7 +1,12 @@
 #include "capture_cmd.hpp"
 
 #include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "console.hpp"
@@ -43,6 +48,114 @@ constexpr CaptureFile CAPTURE_FILES[] = {
 
 bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
 
+// ---- The capture zqdiag started -------------------------------------------
+// The permit has no owner. So that a later zqdiag (or this one, after the
+// library's watchdog reported the capture dead) can tell whether a taken
+// permit is still the one its capture took, `capture start` notes the
+// capture's tcpdump and the time it started in a small file.
+constexpr const char *CAPTURE_RECORD = "/var/run/zqdiag.capture";
+constexpr const char *DIAG_DIR = "/tmp/diag_file";
+constexpr const char *DIAG_LOG = "/tmp/diag_file/diag_log";
+
+struct CaptureRecord {
+    unsigned long long pid = 0; // its tcpdump
+    unsigned mode = 0;
+    long long started_s = 0; // the wall clock just before the start
+    long long started_ns = 0;
+};
+
+// "PID MODE SECONDS NANOSECONDS": anything else is no record.
+std::optional<CaptureRecord> parse_capture_record(const std::string &text) {
+    std::istringstream in(text);
+    CaptureRecord record;
+    std::string rest;
+    if (!(in >> record.pid >> record.mode >> record.started_s >> record.started_ns) || (in >> rest))
+        return std::nullopt;
+    if (record.pid == 0 || record.mode > 1 || record.started_ns < 0 || record.started_ns >= 1000000000)
+        return std::nullopt;
+    return record;
+}
+
+std::optional<CaptureRecord> read_capture_record() {
+    std::ifstream file(CAPTURE_RECORD);
+    if (!file) return std::nullopt;
+    std::string text(256, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    return parse_capture_record(text);
+}
+
+void write_capture_record(const CaptureRecord &record) {
+    std::ofstream file(CAPTURE_RECORD, std::ios::trunc);
+    file << record.pid << ' ' << record.mode << ' ' << record.started_s << ' ' << record.started_ns << '\n';
+    if (!file)
+        warn("cannot write %s: a later 'zqdiag capture status' cannot free this capture's permit",
+             CAPTURE_RECORD);
+}
+
+void remove_capture_record() { unlink(CAPTURE_RECORD); }
+
+// True while `pid` lives and is tcpdump (a zombie is dead).
+bool tcpdump_alive(unsigned long long pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    if (!std::getline(file, stat)) return false;
+    const size_t open = stat.find('('), close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= stat.size())
+        return false;
+    const char state = stat[close + 2];
+    return stat.compare(open + 1, close - open - 1, "tcpdump") == 0 && state != 'Z' && state != 'X';
+}
+
+// Whether `path` was changed after the capture started (false when absent).
+bool changed_since(const char *path, const CaptureRecord &record) {
+    struct stat st {};
+    if (stat(path, &st) != 0) return false;
+    const auto s = static_cast<long long>(st.st_mtim.tv_sec), ns = static_cast<long long>(st.st_mtim.tv_nsec);
+    return s > record.started_s || (s == record.started_s && ns > record.started_ns);
+}
+
+// A dead capture was the permit's holder when the permit is still taken,
+// no tcpdump runs (no other capture is under way) and no diagnosis has
+// started since the capture did (every diagnosis clears /tmp/diag_file/ at
+// its first step, and a capture never writes there). A permit freed and
+// taken again by another process in between cannot pass all three.
+// Empty when it was the holder, else why it cannot be shown.
+std::string why_not_holder(const CaptureRecord &record) {
+    if (!is_diag_permit_holding()) return "the permit is free already";
+    if (tcpdump_running()) return "another capture runs now";
+    if (changed_since(DIAG_DIR, record) || changed_since(DIAG_LOG, record))
+        return "a diagnosis has started since the capture did";
+    return {};
+}
+
+// The capture zqdiag started ended by itself: its permit is given back and
+// what it captured packed, when it can be shown that it still held the
+// permit; otherwise both are left to whoever holds the permit now.
+void finish_dead_capture(const CaptureRecord &record) {
+    const std::string why = why_not_holder(record);
+    remove_capture_record();
+    if (!why.empty()) {
+        say("the permit is left as it is: %s\n", why.c_str());
+        return;
+    }
+    if (release_diag_permit() == 0)
+        say("its permit was given back\n");
+    else
+        warn("giving the permit back failed");
+    if (record.mode == 0) packet_capture_file();
+}
+
+CaptureRecord start_record(unsigned mode) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    CaptureRecord record;
+    record.mode = mode;
+    record.started_s = now.tv_sec;
+    record.started_ns = now.tv_nsec;
+    return record;
+}
+
 long captured_bytes() {
     return zq_get_file_size(CAPTURE_FILES[0].path) + zq_get_file_size(CAPTURE_FILES[1].path) +
            zq_get_file_size(CAPTURE_FILES[2].path);
@@ -69,13 +182,14 @@ void show_archive() {
 }
 
 // Follows a running capture until it ends by itself or the user stops it.
-int follow(long &shown) {
+int follow(const CaptureRecord &record, long &shown) {
     if (!console().out_is_tty) say("capturing; stop with Ctrl-C or 'zqdiag capture stop'\n");
     while (!g_interrupted) {
         show_count(captured_bytes(), shown);
         if (capture_abnormal_get() != 0) {
             if (console().out_is_tty) say("\n");
             say("the capture ended by itself (tcpdump is gone)\n");
+            finish_dead_capture(record);
             show_archive();
             return EXIT_OK;
         }
@@ -84,6 +198,7 @@ int follow(long &shown) {
     if (console().out_is_tty) say("\n");
     g_cap_exec.action = ACTION_STOP;
     capture_set();
+    remove_capture_record();
     say("capture stopped, %ld bytes captured\n", shown);
     show_archive();
     return EXIT_OK;
@@ -104,11 +219,14 @@ int capture_start(const Command &self, const ParsedArgs &args) {
     g_cap_exec.mode = mode;
     g_cap_exec.kind = kind;
     g_cap_exec.action = ACTION_START;
+    CaptureRecord record = start_record(mode);
     if (capture_set() != 0) {
         warn("the capture did not start (a diagnosis or capture holds the permit, tcpdump is\n"
              "already running, the allowance is 0, or the interface is not valid; -v shows why)");
         return is_diag_permit_holding() ? EXIT_UNAVAILABLE : EXIT_FINDING_ERROR;
     }
+    record.pid = zq_get_pid("tcpdump");
+    write_capture_record(record);
     say("capture started on %s\n",
         kind == 0 ? "all interfaces" : ("the interface of WAN " + std::to_string(kind + 1)).c_str());
     long shown = -1;
@@ -116,29 +234,59 @@ int capture_start(const Command &self, const ParsedArgs &args) {
         say("left running; stop it with 'zqdiag capture stop'\n");
         return EXIT_OK;
     }
-    return follow(shown);
+    return follow(record, shown);
 }
 
-// Stops a capture started by this or another process: the block is told
-// that a capture runs, in the mode its files show.
+// Stops a capture started by this or another process. The permit is given
+// back only for a capture that zqdiag started and whose tcpdump ran until
+// this stop: that capture holds it. A capture started by another
+// management process is stopped and packed, and its permit left to it.
 int capture_stop() {
+    const std::optional<CaptureRecord> record = read_capture_record();
+    const bool ours = record && tcpdump_alive(record->pid);
     if (!tcpdump_running()) {
-        say("no capture is running\n");
+        if (record) {
+            say("the capture zqdiag started has ended by itself (tcpdump is gone)\n");
+            finish_dead_capture(*record);
+            show_archive();
+        } else {
+            say("no capture is running\n");
+        }
         return EXIT_OK;
     }
     long shown = -1;
     show_count(captured_bytes(), shown);
     if (console().out_is_tty) say("\n");
-    g_cap_exec.mode = zq_get_file_size(CAPTURE_FILES[1].path) > 0 ? 1 : 0;
-    g_cap_exec.state = EXEC_RUNNING;
-    g_cap_exec.action = ACTION_STOP;
-    capture_set();
+    stop_tcpdump_catch();
+    packet_capture_file();
     say("capture stopped, %ld bytes captured\n", shown);
+    if (ours) {
+        remove_capture_record();
+        if (release_diag_permit() != 0) warn("giving the permit back failed");
+    } else {
+        say("it was not started by zqdiag: its permit is left to the process that started it\n"
+            "('zqdiag permit release' frees it)\n");
+    }
     show_archive();
     return EXIT_OK;
 }
 
 int capture_status() {
+    // A capture zqdiag started that died is noticed through the library's
+    // watchdog, as a management process notices it, and finished here.
+    if (const std::optional<CaptureRecord> record = read_capture_record();
+        record && !tcpdump_alive(record->pid)) {
+        g_cap_exec.mode = record->mode;
+        g_cap_exec.action = ACTION_START;
+        g_cap_exec.state = EXEC_RUNNING;
+        say("the capture zqdiag started has ended by itself (tcpdump is gone)\n");
+        if (capture_abnormal_get() != 0) {
+            finish_dead_capture(*record);
+        } else {
+            say("another capture runs now: the permit is left to it\n");
+            remove_capture_record();
+        }
+    }
     const bool running = tcpdump_running();
     const bool permit = is_diag_permit_holding() != 0;
     const char *state = running                                                 ? "capturing"

@@ -53,9 +53,10 @@ int call_action_of_method(const char *method, uint32_t action, zq_diag_args args
 }
 
 int zq_get_sys_diag(const char *method, uint32_t action, zq_diag_args args) {
-    // The last step of every path gives the permit back.
+    // The last step of every path gives back the permit its first search
+    // took; a process that took none frees no other's.
     if (method && strcmp(method, "end") == 0) {
-        release_diag_permit();
+        zq::release_own_permit(__func__);
         return 0;
     }
     uint64_t index = 0;

@@ -27,6 +27,12 @@ constexpr size_t PID_READ_SIZE = 32;
 std::atomic<uint32_t *> alarm_address{nullptr};
 std::atomic<uint32_t> alarm_value{0};
 std::atomic<int> diag_manager_pid{0};
+// Whether this process took the permit and has not given it back. The
+// semaphore has no owner: a permit taken here may meanwhile have been
+// freed by another process and taken by a third, which no look at the
+// semaphore can tell. This flag is what the library's own release points
+// go by, so that none of them frees a permit it never took.
+std::atomic<bool> taken_here{false};
 
 sem_t *open_permit() {
     sem_t *sem = sem_open(ZQ_PERMIT_NAME, O_CREAT, 0644, 1);
@@ -54,6 +60,7 @@ int get_diag_permit() {
         return -1;
     }
     if (sem_trywait(sem) != 0) return -1;
+    taken_here.store(true, std::memory_order_release);
     notify_diag_manager();
     return 0;
 }
@@ -77,8 +84,28 @@ int release_permit() {
     return sem_post(sem);
 }
 
-// Posting only a taken permit keeps the semaphore at most 1.
-int release_diag_permit() { return is_diag_permit_holding() ? release_permit() : 0; }
+// Posting only a taken permit keeps the semaphore at most 1. Any caller
+// may free the permit this way (a holder that died leaves it taken until
+// someone does); once it is free, this process no longer holds it.
+int release_diag_permit() {
+    if (!is_diag_permit_holding()) return 0;
+    taken_here.store(false, std::memory_order_release);
+    return release_permit();
+}
+
+namespace zq {
+
+bool permit_taken_here() { return taken_here.load(std::memory_order_acquire); }
+
+int release_own_permit(const char *who) {
+    if (!taken_here.exchange(false, std::memory_order_acq_rel)) {
+        ZQ_LOG_AS(who, "the permit was not taken here or was given back already: left as it is");
+        return 0;
+    }
+    return is_diag_permit_holding() ? release_permit() : 0;
+}
+
+} // namespace zq
 
 void *get_shm_space() {
     key_t key = ftok(ALARM_KEY_PATH, ALARM_KEY_ID);

@@ -114,6 +114,22 @@ inline uint64_t parse_u64_prefix(std::string_view s) {
 
 bool file_exists(const char *path);
 
+// A line of /proc/PID/stat ("PID (COMM) STATE ...") names a live process
+// called `name`: COMM is read up to the last ')' (a name may hold blanks
+// and parentheses) and a zombie ('Z') or dead ('X') process is no longer
+// alive.
+inline bool stat_names_live(std::string_view stat, std::string_view name) {
+    const size_t open = stat.find('(');
+    const size_t close = stat.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open) return false;
+    if (std::string_view(stat.data() + open + 1, close - open - 1) != name) return false;
+    if (stat.size() < close + 3 || stat[close + 1] != ' ') return false;
+    const char state = stat[close + 2];
+    return state != 'Z' && state != 'X';
+}
+// True while process `pid` lives and is called `name`.
+bool process_alive_as(uint64_t pid, std::string_view name);
+
 // A text field filled outside the library (a control block, a caller's
 // structure): true when it ends inside its array, so it can be used as a C
 // string. A field filled to its last byte was cut by whoever filled it.

@@ -1,5 +1,6 @@
 // The small text helpers every parser of tool output leans on: the leading
-// number parsers, the shell-word and host-word tests, bounded copies and substring tests.
+// number parsers, the shell-word and host-word tests, bounded copies, substring
+// tests and the /proc/PID/stat reader.
 // Each is compared with a plain model; each is handed heap blocks of exactly
 // the size it is told, so a read or write past them is caught.
 //
@@ -206,6 +207,20 @@ void check_contains(std::string_view hay_text, std::string_view needle_text) {
 
 } // namespace
 
+// A /proc/PID/stat line names a live `name`: the model reads COMM between
+// the first '(' and the last ')' and the state one blank after it.
+void check_stat(std::string_view stat, std::string_view name) {
+    const std::unique_ptr<char[]> exact(new char[stat.size() ? stat.size() : 1]);
+    std::memcpy(exact.get(), stat.data(), stat.size());
+    const bool got = zq::stat_names_live(std::string_view(exact.get(), stat.size()), name);
+    const std::string line(stat);
+    const size_t open = line.find('('), close = line.rfind(')');
+    bool want = open != std::string::npos && close != std::string::npos && close > open &&
+                line.compare(open + 1, close - open - 1, name) == 0 && close + 2 < line.size() &&
+                line[close + 1] == ' ' && line[close + 2] != 'Z' && line[close + 2] != 'X';
+    FUZZ_CHECK(got == want);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_input in(data, size);
     const size_t copy_size = in.byte();
@@ -222,6 +237,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string_view all{text};
     check_contains(all.substr(cut), all.substr(0, cut));
     check_contains(all.substr(0, cut), all.substr(cut));
+    check_stat(all.substr(cut), all.substr(0, cut));
 
     FUZZ_CHECK(zq::to_int(static_cast<const char *>(nullptr)) == 0);
     FUZZ_CHECK(zq::bounded_len(nullptr, 5) == 0);

@@ -228,18 +228,4 @@ TEST_F(Capture, StartStopAndUpload) {
     EXPECT_EQ(g_cap_exec.state, EXEC_UPLOAD_FAIL) << "no upload worker in this build";
 }
 
-TEST_F(Capture, WatchdogFinishesADeadCapture) {
-    zqlab::set("wan.2.nas_interface", "lo");
-    g_cap_exec.kind = 1;
-    ASSERT_EQ(set_action(1), 0);
-    EXPECT_NE(zqlab::run("ps").find("tcpdump -v -i lo"), std::string::npos);
-    zqlab::run("ping -c 1 127.0.0.1; pgrep tcpdump | xargs kill; sleep 0.3");
-    EXPECT_EQ(capture_abnormal_get(), -1);
-    EXPECT_EQ(g_cap_exec.action, 0u);
-    EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
-    EXPECT_EQ(is_diag_permit_holding(), 0);
-    EXPECT_EQ(zqlab::run("tar -tf /tmp/capture_file/capture.tar"), "capture.pcap\n");
-    EXPECT_EQ(capture_abnormal_get(), 0) << "reported once";
-}
-
 } // namespace

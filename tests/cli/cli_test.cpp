@@ -674,4 +674,48 @@ TEST(CliCapture, StartFollowsUntilInterruptedAndStopWorksAcrossProcesses) {
     EXPECT_EQ(cli({"capture", "stop", "--mode", "single"}).status, 2);
 }
 
+// A capture zqdiag started whose tcpdump reached its 5000 packets keeps
+// the permit (the library only reports the death); zqdiag gives it back
+// and packs the capture when nothing else can have taken the permit since,
+// and leaves it when a diagnosis has started in between.
+TEST(CliCapture, ADeadCapturesPermitIsGivenBackOnlyWhileItHoldsIt) {
+    const auto fill = [] {
+        zqlab::run("ping -A -q -c 3000 127.0.0.1 >/dev/null 2>&1");
+        for (int i = 0; i < 3000 && !zqlab::pids("tcpdump").empty(); ++i) usleep(1000);
+        ASSERT_TRUE(zqlab::pids("tcpdump").empty()) << "tcpdump did not end after its count";
+    };
+    CliResult r = cli({"capture", "start", "--detach"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    fill();
+    ASSERT_TRUE(permit_taken());
+    r = cli({"capture", "status"});
+    EXPECT_TRUE(contains(r.out, "the capture zqdiag started has ended by itself (tcpdump is gone)\n"
+                                "its permit was given back\n"))
+        << r.out;
+    EXPECT_TRUE(contains(r.out, "permit: free\n")) << r.out;
+    EXPECT_FALSE(permit_taken());
+    EXPECT_EQ(zqlab::run("tar -tf /tmp/capture_file/capture.tar"), "capture.pcap\n");
+    EXPECT_FALSE(contains(cli({"capture", "status"}).out, "ended by itself")) << "handled once";
+
+    r = cli({"capture", "start", "--detach"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    fill();
+    // The permit is freed by hand and a diagnosis in another process takes
+    // it: its first step prepares /tmp/diag_file/.
+    ASSERT_EQ(cli({"permit", "release"}).status, 0);
+    const pid_t other = fork();
+    if (other == 0) {
+        zq_diag_step step{};
+        _exit(zq_diag_path_search(&step) == 1 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    r = cli({"capture", "status"});
+    EXPECT_TRUE(
+        contains(r.out, "the permit is left as it is: a diagnosis has started since the capture did\n"))
+        << r.out;
+    EXPECT_TRUE(permit_taken());
+}
+
 } // namespace
