@@ -4,8 +4,8 @@
  *
  * Builds the simulated gateway in the fresh namespaces that unshare made:
  * private tmpfs on /run, /tmp and /dev/shm; overlays with a tmpfs upper
- * layer on /etc, /var and /usr/bin (the last two with the lab's prepared
- * layer from CACHE_DIR above the host's); loopback up. Then it lets
+ * layer on /etc, /var and /usr/bin (the last with the lab's prepared layer
+ * from CACHE_DIR above the host's); loopback up. Then it lets
  * "zqlab scenario SCENARIO" set the gateway's state, starts COMMAND, and
  * re-executes itself as a bare "init" that reaps every orphan of the lab and
  * exits with COMMAND's status as soon as COMMAND ends. Leaving PID 1 tears
@@ -154,10 +154,12 @@ static int loopback_up(void) {
     return rc == 0 ? 0 : fail("cannot bring up", "lo");
 }
 
-/* Host directories under /tmp or /run that the lab needs (the checkout,
- * the working directory, the command's directory) would vanish under the
- * lab's tmpfs: each is opened before the tmpfs goes over it and bound back
- * at the same path afterwards. */
+/* Host directories under /tmp, /run, /var or /etc that the lab needs (the
+ * checkout, the build directory, the working directory, the command's
+ * directory) would vanish under the lab's tmpfs, or be copied on write into
+ * its overlays: each is opened before the mounts go over it and bound back
+ * at the same path afterwards, so that what the lab writes there reaches
+ * the host. */
 enum { MAX_KEPT = 8 };
 static struct {
     char path[512];
@@ -166,7 +168,10 @@ static struct {
 static int nkept;
 
 static int under_replaced_dir(const char *path) {
-    return !strncmp(path, "/tmp/", 5) || !strncmp(path, "/run/", 5);
+    static const char *const replaced[] = {"/tmp/", "/run/", "/var/", "/etc/"};
+    for (size_t i = 0; i < sizeof replaced / sizeof *replaced; i++)
+        if (!strncmp(path, replaced[i], strlen(replaced[i]))) return 1;
+    return 0;
 }
 
 static void keep_dir(const char *path) {
@@ -209,19 +214,22 @@ static int build_gateway(const char *lab, const char *cache) {
     /* Nothing of what follows may reach the host's mounts. */
     if (mount(NULL, "/", NULL, MS_REC | MS_PRIVATE, NULL) != 0) return fail("cannot make private", "/");
     if (mount_tmpfs("/run", "mode=0755,size=256m") || mount_tmpfs("/tmp", "mode=1777,size=512m") ||
-        mount_tmpfs("/dev/shm", "mode=1777,size=64m") || restore_kept())
+        mount_tmpfs("/dev/shm", "mode=1777,size=64m"))
         return -1;
-    char text[600], bin[600], var[600];
+    char text[600], bin[600];
     if (mkdirs(ZQLAB_STATE) || mkdirs(ZQLAB_DIR "/diagm") || mkdirs(ZQLAB_DIR "/override")) return -1;
     snprintf(text, sizeof text, "%s\n", lab);
     if (write_text(ZQLAB_DIR "/labdir", text)) return -1;
     snprintf(text, sizeof text, "%s\n", cache);
     if (write_text(ZQLAB_DIR "/cachedir", text)) return -1;
     if (write_text(ZQLAB_JOURNAL, "") || write_text(ZQLAB_DIR "/files", "")) return -1;
+    /* /var gets no layer of the cache's: a lower layer inside the overlay's
+     * own target (a checkout under /var) is refused by the kernel. What the
+     * gateway needs there is made in the upper layer. The kept directories
+     * come back before /usr/bin's layer is read from the cache. */
     snprintf(bin, sizeof bin, "%s/layer/bin", cache);
-    snprintf(var, sizeof var, "%s/layer/var", cache);
-    if (overlay("/etc", NULL, "etc") || overlay("/var", var, "var") || loopback_up() ||
-        overlay("/usr/bin", bin, "bin"))
+    if (overlay("/etc", NULL, "etc") || overlay("/var", NULL, "var") || mkdirs("/var/udhcpd") ||
+        restore_kept() || loopback_up() || overlay("/usr/bin", bin, "bin"))
         return -1;
     return 0;
 }
