@@ -9,6 +9,8 @@
 #include "console.hpp"
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
+#include "server_probe.hpp"
+#include "upload/upload_words.h"
 
 namespace zqcli {
 
@@ -96,13 +98,7 @@ constexpr FailureRule FAILURE_RULES[] = {
     {"wput url parse error",
      "the URL is not understood (ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST)"},
     {"unknown protocol", "the protocol is neither FTP nor TFTP"},
-    {"tftp error", "the TFTP transfer failed (server down, unreachable, or refusing to create the file)"},
     {"run_ftp_sh error", "the FTP command script could not be written"},
-    {"ftp upload error",
-     "the FTP server did not take the file: wput and the ftp client both failed (server down or "
-     "unreachable, login refused, or no write permission)"},
-    {"ftp buffer is empty",
-     "the FTP server did not take the file: wput failed and the ftp client said nothing"},
 };
 
 // Notes that do not make an upload fail.
@@ -111,7 +107,29 @@ constexpr FailureRule NOTE_RULES[] = {
     {"wput upload error", "wput could not send; the ftp client took over"},
 };
 
-std::string failure_reason(const std::string &log) {
+// What tftp-hpa's client said, as the library logs it after "tftp error:".
+std::string tftp_cause(const std::string &log, const ServerUrl &server) {
+    const size_t at = log.find("tftp error:\n");
+    std::string said = at == std::string::npos ? "" : log.substr(at + 12);
+    said = said.substr(0, said.find("tftp fail"));
+    while (!said.empty() && (said.back() == '\n' || said.back() == ' ')) said.pop_back();
+    const std::string where = server.host + ":" + std::to_string(server.port);
+    // btftp's transfer is cut off after 20 seconds, and then says nothing.
+    if (said.empty() || said.find("timed out") != std::string::npos)
+        return "the TFTP server " + where +
+               " did not answer within 20 s (timeout): it is down, unreachable, or "
+               "nothing listens there";
+    if (said.find("Error code") != std::string::npos)
+        return "the TFTP server " + where + " refused the file: " + said.substr(said.find("Error code"));
+    return "the TFTP transfer to " + where + " failed: " + said;
+}
+
+std::string failure_reason(const std::string &log, const UploadRequest &request) {
+    const ServerUrl server = split_server_url(request.url);
+    if (log.find("tftp error") != std::string::npos) return tftp_cause(log, server);
+    if (log.find("ftp upload error") != std::string::npos ||
+        log.find("ftp buffer is empty") != std::string::npos)
+        return probe_ftp_failure(server);
     for (const FailureRule &rule : FAILURE_RULES) {
         const size_t at = log.find(rule.log_text);
         if (at == std::string::npos) continue;
@@ -124,6 +142,9 @@ std::string failure_reason(const std::string &log) {
     }
     // The library sends nothing and says nothing when the diagnosis manager
     // refuses the route to the server.
+    if (request.wan)
+        return "no route to the server through WAN " + std::to_string(request.wan) +
+               ": the diagnosis manager refused it, so nothing was sent";
     return "nothing was sent: the diagnosis manager refused the route to the server";
 }
 
@@ -140,8 +161,10 @@ bool read_upload_options(const Command &self, const ParsedArgs &args, UploadRequ
         status = usage_error(self, "--url is required");
         return false;
     }
-    if (url->size() >= sizeof(diag_exec_ctl::url)) {
-        status = usage_error(self, "the URL is longer than 63 characters");
+    // Judged by the library's own rules before any work (packing, a route),
+    // so that a URL the library would refuse is never found out half-way.
+    if (const char *problem = zq::upload_url_problem(*url)) {
+        status = usage_error(self, "bad URL '" + hide_password(*url) + "': " + problem);
         return false;
     }
     request.url = *url;
@@ -236,7 +259,7 @@ int run_upload(const UploadTarget &target, const UploadRequest &request) {
         say("%s %s\n", paint(Paint::green, "stored on the server as").c_str(), name.c_str());
         return EXIT_OK;
     }
-    say("%s: %s\n", paint(Paint::red, "upload failed").c_str(), failure_reason(text).c_str());
+    say("%s: %s\n", paint(Paint::red, "upload failed").c_str(), failure_reason(text, request).c_str());
     return EXIT_FINDING_ERROR;
 }
 

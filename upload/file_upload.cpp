@@ -20,9 +20,6 @@ namespace {
 
 constexpr uint32_t TFTP_PORT = 69;
 constexpr uint32_t FTP_PORT = 21;
-constexpr uint32_t MAX_PORT = 65535;
-constexpr size_t MAX_HOST_PART = 63;
-constexpr size_t MAX_CREDENTIAL = sizeof(upload_params::user) - 1;
 static_assert(sizeof(upload_params::user) == sizeof(upload_params::password));
 
 // What a finished wput prints either way: "FINISHED --time--" closes every
@@ -79,9 +76,9 @@ int parse_credentials(std::string_view url, size_t at, upload_params &p) {
     std::string_view password = zq::slice(auth, colon + 1);
     // A name that does not fit its field is refused, not cut: a cut
     // password only fails later, at the server, with a misleading error.
-    if (user.size() > MAX_CREDENTIAL || password.size() > MAX_CREDENTIAL) {
+    if (user.size() > zq::MAX_UPLOAD_CREDENTIAL || password.size() > zq::MAX_UPLOAD_CREDENTIAL) {
         ZQ_LOG_AS("wput_url_parse", "refused %s: longer than %zu characters",
-                  user.size() > MAX_CREDENTIAL ? "user" : "password", MAX_CREDENTIAL);
+                  user.size() > zq::MAX_UPLOAD_CREDENTIAL ? "user" : "password", zq::MAX_UPLOAD_CREDENTIAL);
         return -1;
     }
     if (!accept_upload_word("wput_url_parse", upload_word::credential, "user", user)) return -1;
@@ -96,7 +93,7 @@ int parse_credentials(std::string_view url, size_t at, upload_params &p) {
 
 // The host name as dotted IPv4 text, resolved when it is a name.
 int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]) {
-    char text[MAX_HOST_PART + 1] = {};
+    char text[zq::MAX_UPLOAD_HOST_PART + 1] = {};
     zq::copy(text, name);
     if (inet_addr(text) != INADDR_NONE) {
         zq::copy(out, zq::view(text));
@@ -120,7 +117,7 @@ int parse_port(std::string_view text, uint32_t &port) {
     port = 0;
     if (text.empty()) return 0;
     if (!accept_upload_word("wput_url_parse", upload_word::port, "port", text)) return -1;
-    if (text.size() > 5 || zq::parse_u64_prefix(text) > MAX_PORT) {
+    if (text.size() > 5 || zq::parse_u64_prefix(text) > zq::MAX_UPLOAD_PORT) {
         ZQ_LOG_AS("wput_url_parse", "refused port: above 65535");
         return -1;
     }
@@ -196,7 +193,7 @@ int parse_upload_url(upload_params *p, host_resolver resolve) {
     const size_t host_end = url.find('/', host_start);
     if (host_start >= url.size() || host_end == std::string_view::npos || host_end == host_start) return -1;
     const std::string_view host_part = zq::slice(url, host_start, host_end);
-    if (host_part.size() > MAX_HOST_PART) return -1;
+    if (host_part.size() > zq::MAX_UPLOAD_HOST_PART) return -1;
 
     std::string_view host_name = host_part;
     std::string_view port_text;

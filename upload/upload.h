@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "upload/upload_words.h"
 #include "zq_diag.h"
 
 // ---- File upload -----------------------------------------------------------
@@ -57,18 +58,9 @@ constexpr size_t ZQ_TIMESTAMP_SIZE = 100;
 int timestamp_from_date(std::string_view date, char (&out)[ZQ_TIMESTAMP_SIZE]);
 
 // ---- Outside text ------------------------------------------------------------
-// Every piece of text that an upload puts into a shell command or into the
-// FTP script has a word class; `accept_upload_word` refuses (with a log line
-// naming `field`) whatever is not one plain word of its class.
-enum class upload_word : uint8_t {
-    url,         // the whole URL: scheme, credentials, host, port and path characters
-    credential,  // FTP user name or password
-    host,        // host name or address
-    port,        // decimal port number
-    server_path, // directory on the server, from '/'
-    local_path,  // full path of a file on the gateway
-    file_name,   // one name without a directory
-};
+// The word classes are in upload/upload_words.h. `accept_upload_word`
+// refuses, with a log line naming `field`, whatever is not one plain word of
+// its class.
 bool accept_upload_word(const char *caller, upload_word kind, const char *field, std::string_view text);
 
 // Formats a shell command into `cmd`; a command that does not fit is refused
