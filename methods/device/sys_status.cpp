@@ -285,6 +285,8 @@ int if_multi_udhcpd_exist() {
 // Writes 424 bytes at out_buf whatever out_size says: callers outside the
 // library must hand in a block of at least that size.
 int zq_get_sys_status_struct(zq_diag_args args) {
+    // Exported: an outside caller may pass no block at all, which is refused
+    // rather than written through.
     if (!args.out_buf) {
         ZQ_LOG("invalid input");
         return -1;

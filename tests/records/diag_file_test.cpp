@@ -6,6 +6,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "engine/engine.h"
 #include "engine/util.h"
@@ -309,6 +310,21 @@ TEST_F(DiagFile, PreviousPackageIsRemovedBeforeTheNewOne) {
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(zqlab::read_file("/tmp/elsewhere"), "untouched");
     EXPECT_EQ(members(), "cmd_log\nfirewall_stat\nconfig_stat\n");
+}
+
+// tar's own status is not judged: once the archive command has run the
+// package counts as made, whatever tar did.
+TEST_F(DiagFile, ArchiveCommandThatFailsStillCountsAsRun) {
+    start_diagnosis();
+    diag_log_record(step("port_status", ACTION_DIAG));
+    zqlab::set("fault.tar", "missing");
+    EXPECT_EQ(zq_packet_diag_file(), 0);
+    const std::vector<std::string> tar = zqlab::journal("tar");
+    ASSERT_EQ(tar.size(), 1u);
+    EXPECT_EQ(
+        tar[0],
+        "tar -C /tmp/diag_file/ -cf /tmp/diag_file/diag_log.tar diag_log cmd_log firewall_stat config_stat");
+    zqlab::unset("fault.tar");
 }
 
 // ---- Clean-up after the upload ------------------------------------------------------
