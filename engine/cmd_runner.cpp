@@ -106,7 +106,7 @@ int cmd_collect_output(int fd, char *out, uint64_t size) {
         // The ring wrapped: put it in order, oldest byte first.
         char *scratch = static_cast<char *>(malloc(size));
         if (!scratch) {
-            ZQ_LOG("arrange data fail");
+            ZQ_LOG_AS("zq_get_cmd_raw_data", "arrange data fail");
             out[size - 1] = '\0';
             return -1;
         }
