@@ -161,7 +161,7 @@ int zq_get_cmd_buff(const char *cmd, void *out, uint64_t out_size) {
 char *zq_get_cmd_result(const char *cmd) {
     char copy[CMD_COPY_SIZE] = {};
     memset(zq_cmd_result_buff, 0, sizeof(zq_cmd_result_buff));
-    if (!cmd) {
+    if (!cmd) { // nothing to copy or run: refused with a log line, the buffer left cleared
         ZQ_LOG("invalid input");
         return zq_cmd_result_buff;
     }
