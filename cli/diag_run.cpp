@@ -1,10 +1,11 @@
 #include "diag_run.hpp"
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <thread>
-#include <unistd.h>
 
 #include "console.hpp"
 #include "exit_codes.hpp"
@@ -40,6 +41,19 @@ void request_run(const RunRequest &request) {
 
 // ---- Why a diagnosis cannot run ---------------------------------------------
 
+// Whether the manager's pid file names a manager as the library reads it: its
+// first 32 bytes hold a leading number other than 0 (a missing file, or text
+// without a number, gets no permit).
+bool manager_pid_known() {
+    FILE *file = fopen(DIAG_MANAGER_PID_FILE, "r");
+    if (!file) return false;
+    char text[33] = {};
+    const size_t n = fread(text, 1, 32, file);
+    fclose(file);
+    text[n] = '\0';
+    return strtol(text, nullptr, 10) != 0;
+}
+
 std::vector<std::string> blocking_reasons(bool permit_refused) {
     std::vector<std::string> reasons;
     if (is_diag_permit_holding())
@@ -50,9 +64,9 @@ std::vector<std::string> blocking_reasons(bool permit_refused) {
         reasons.push_back("the alarm word reports high CPU usage (ALARM_HIGH_CPU)");
     if (check_diag_alarm_value(ALARM_HIGH_MEMORY))
         reasons.push_back("the alarm word reports high memory usage (ALARM_HIGH_MEMORY)");
-    if (permit_refused && access(DIAG_MANAGER_PID_FILE, R_OK) != 0)
+    if (permit_refused && !manager_pid_known())
         reasons.push_back(std::string("no diagnosis manager is running (") + DIAG_MANAGER_PID_FILE +
-                          " is missing): the permit is only granted while it runs");
+                          " is missing or names no pid): the permit is only granted while it runs");
     return reasons;
 }
 

@@ -106,7 +106,7 @@ int cmd_collect_output(int fd, char *out, uint64_t size) {
         // The ring wrapped: put it in order, oldest byte first.
         char *scratch = static_cast<char *>(malloc(size));
         if (!scratch) {
-            ZQ_LOG("arrange data fail");
+            ZQ_LOG_AS("zq_get_cmd_raw_data", "arrange data fail");
             out[size - 1] = '\0';
             return -1;
         }
@@ -161,7 +161,7 @@ int zq_get_cmd_buff(const char *cmd, void *out, uint64_t out_size) {
 char *zq_get_cmd_result(const char *cmd) {
     char copy[CMD_COPY_SIZE] = {};
     memset(zq_cmd_result_buff, 0, sizeof(zq_cmd_result_buff));
-    if (!cmd) {
+    if (!cmd) { // nothing to copy or run: refused with a log line, the buffer left cleared
         ZQ_LOG("invalid input");
         return zq_cmd_result_buff;
     }

@@ -28,6 +28,7 @@ const zq_diag_method zq_method_table[ZQ_METHOD_COUNT] = {
 };
 
 int find_method_index(const char *method, uint64_t *index) {
+    // A null name is not found, like an empty one, rather than compared.
     if (!method || method[0] == '\0') return -1;
     for (uint64_t i = 0; i < ZQ_METHOD_COUNT; ++i) {
         if (strcmp(method, zq_method_table[i].name) == 0) {

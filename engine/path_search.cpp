@@ -144,7 +144,7 @@ int is_in_custom_path(const char *method) {
 }
 
 int zq_diag_path_search(zq_diag_step *step) {
-    if (!step) return 0;
+    if (!step) return 0; // no step to fill: the path is over before it starts
     if (starts_run(step)) {
         if (!start_run(__func__, diag_visited)) return 0;
         diag_file_init();
@@ -161,7 +161,7 @@ int zq_diag_path_search(zq_diag_step *step) {
 }
 
 int zq_fix_path_search(zq_diag_step *step) {
-    if (!step) return 0;
+    if (!step) return 0; // as in zq_diag_path_search
     if (starts_run(step) && !start_run(__func__, fix_visited)) return 0;
     if (take_next(FIX_PATH, FIX_END, fix_visited, step, ACTION_FIX)) return 1;
     return take_end(fix_visited[FIX_END], step, ACTION_FIX) ? 1 : 0;

@@ -143,16 +143,16 @@ int is_diag_avaliable() {
 
 // The pid file holds the manager's pid as decimal text. At most 32 bytes are
 // read into a buffer one byte larger, so a long file still parses as a
-// terminated text; anything that is not a positive number means no manager
-// (0 and negative numbers would make kill() signal whole process groups).
+// terminated text. Only 0 (no file, no number) means no manager; a negative
+// number is passed on as read, and is never signalled (only pids above 0
+// are, so kill() never reaches a process group).
 int read_diag_manager_pid() {
     FILE *file = fopen(ZQ_DIAGM_PID_PATH, "r");
     if (!file) return 0;
     char text[PID_READ_SIZE + 1] = {};
     size_t n = fread(text, 1, PID_READ_SIZE, file);
     fclose(file);
-    int pid = zq::read_number(__func__, ZQ_DIAGM_PID_PATH, std::string_view{text, n});
-    return pid > 0 ? pid : 0;
+    return zq::read_number(__func__, ZQ_DIAGM_PID_PATH, std::string_view{text, n});
 }
 
 // The manager is signalled at the pid it wrote. When no process has that pid

@@ -98,7 +98,7 @@ int run_spec_entire_diag(uint32_t mode) { return run_path(mode, zq_diag_path_sea
 int run_spec_entire_fix(uint32_t mode) { return run_path(mode, zq_fix_path_search); }
 
 int zq_intact_diag_run(zq_diag_step *step) {
-    if (!step) return -1;
+    if (!step) return -1; // no step: nothing is cleared, run or logged
     zq_diag_msg_reset();
     notify_diag_manager();
     // A caller's step name may fill all 32 bytes; dispatch a terminated copy.

@@ -421,6 +421,17 @@ TEST(CliDiagnose, RunWithoutAManagerIsNoSuccess) {
     EXPECT_FALSE(permit_taken());
 }
 
+// A pid file that names no pid is no manager either, and is named as the cause.
+TEST(CliDiagnose, PidFileWithoutAPidIsNamedAsTheCause) {
+    zqlab::write_file("/var/run/diagM.pid", "garbage\n");
+    const CliResult r = cli({"diagnose"});
+    EXPECT_EQ(r.status, 3) << r.out << r.err;
+    EXPECT_TRUE(
+        contains(r.err, "no diagnosis manager is running (/var/run/diagM.pid is missing or names no pid)"))
+        << r.err;
+    EXPECT_FALSE(permit_taken());
+}
+
 TEST(CliDiagnose, TimeoutGivesThePermitBack) {
     hang_diagnosis_manager();
     const CliResult r = cli({"diagnose", "--timeout", "1"});

@@ -1,8 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <malloc.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 #include "engine/engine.h"
@@ -52,6 +59,52 @@ TEST(CommandRunner, ManyLinesWrapManyTimes) {
 TEST(CommandRunner, NulByteEndsWhatIsKeptOfItsRead) {
     auto out = run("printf 'ab\\000cd\\nef\\n'", 16, '\0');
     EXPECT_EQ(std::string(out.data()), "abef\n");
+}
+
+// The runner's scratch allocation fails (the address space is capped just
+// above what the child process uses): "arrange data fail" under the
+// runner's name, -1, the ring terminated at its last byte, no command log.
+TEST(CommandRunner, RingThatCannotBeArrangedIsTerminatedAndNotLogged) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers' allocators do not return null";
+#endif
+    ASSERT_EQ(mkdir("/tmp/diag_file", 0755), 0);
+    constexpr size_t SIZE = 8u << 20;
+    const std::string log_path = "/tmp/runner_stdout";
+    pid_t child = fork();
+    if (child == 0) {
+        char *out = static_cast<char *>(
+            mmap(nullptr, SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        if (out == MAP_FAILED) _exit(10);
+        memset(out, 'X', SIZE);
+        const int fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) _exit(11);
+        mallopt(M_MMAP_THRESHOLD, 64 * 1024); // large blocks always come from mmap
+        long pages = 0;
+        FILE *statm = fopen("/proc/self/statm", "r");
+        if (!statm || fscanf(statm, "%ld", &pages) != 1) _exit(12);
+        fclose(statm);
+        const rlim_t cap =
+            static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
+        const rlimit limit{cap, cap};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(13);
+        const char *cmd = "yes | head -c 8388708";
+        const int rc = zq_get_cmd_raw_data(zq_args(cmd, strlen(cmd) + 1, out, SIZE));
+        fflush(stdout);
+        if (rc != -1) _exit(20);
+        if (out[SIZE - 1] != '\0') _exit(21);
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string log = zqlab::read_file(log_path);
+    EXPECT_NE(log.find("![zq_get_cmd_raw_data "), std::string::npos) << log;
+    EXPECT_NE(log.find("] arrange data fail\n"), std::string::npos) << log;
+    struct stat st;
+    EXPECT_NE(stat(ZQ_CMD_LOG_PATH, &st), 0) << "no command log entry for a failed run";
 }
 
 TEST(CommandRunner, MissingCommandGivesEmptyOutput) {

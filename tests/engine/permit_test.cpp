@@ -120,7 +120,22 @@ TEST(Permit, PidFileIsReadAsALeadingNumber) {
     zqlab::write_file("/var/run/diagM.pid", "garbage");
     EXPECT_EQ(read_diag_manager_pid(), 0);
     zqlab::write_file("/var/run/diagM.pid", "-1");
-    EXPECT_EQ(read_diag_manager_pid(), 0);
+    EXPECT_EQ(read_diag_manager_pid(), -1);
+}
+
+// Only a pid of 0 means no manager. A negative pid still lets the permit be
+// granted, and nothing is signalled: kill(-1, SIGUSR2) would end this very
+// process, and the lab's manager counts no signal.
+TEST(Permit, NegativePidIsAManagerThatIsNeverSignalled) {
+    const int before = zqlab::sigusr2_count();
+    const std::string pid_file = zqlab::read_file("/var/run/diagM.pid");
+    zqlab::write_file("/var/run/diagM.pid", "-1\n");
+    EXPECT_EQ(get_diag_permit(), 0);
+    EXPECT_EQ(is_diag_permit_holding(), 1);
+    notify_diag_manager();
+    EXPECT_EQ(release_diag_permit(), 0);
+    zqlab::write_file("/var/run/diagM.pid", pid_file); // the lab finds its manager by it
+    EXPECT_EQ(zqlab::sigusr2_count(), before);
 }
 
 TEST(ManagerQueries, SettingsAreReadFromDiagM) {
