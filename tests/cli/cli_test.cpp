@@ -4,6 +4,7 @@
 // chain of its own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -705,8 +706,7 @@ TEST(CliCapture, RotateModeSendsEveryFinishedFileAndEndsCleanly) {
     EXPECT_TRUE(zqlab::pids("tcpdump").empty());
     EXPECT_EQ(zqlab::run("ls /tmp/capture_file"), "");
     const auto routes = zqlab::journal("diagM");
-    ASSERT_FALSE(routes.empty());
-    EXPECT_EQ(routes.back(), "diagM wan_route del 203.0.113.21 0");
+    EXPECT_NE(std::find(routes.begin(), routes.end(), "diagM wan_route del 203.0.113.21 0"), routes.end());
 }
 
 // A capture zqdiag started whose tcpdump reached its 5000 packets keeps
