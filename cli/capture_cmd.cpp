@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <dirent.h>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -33,6 +34,9 @@ namespace {
 enum : uint32_t { ACTION_STOP = 0, ACTION_START = 1, CAPTURE_UPLOAD = 2 };
 constexpr uint32_t MAX_INTERFACE_INDEX = 8;
 constexpr useconds_t POLL_US = 200000;
+// Rotate mode's end (its wait for running transfers included) takes a few
+// seconds; the tool waits this long for the library's threads at most.
+constexpr int CHAIN_END_POLLS = 100;
 
 struct CaptureFile {
     const char *path;
@@ -181,6 +185,31 @@ void show_archive() {
         warn("nothing was packed: the capture holds no packet");
 }
 
+// The threads of this process besides the calling one: in rotate mode the
+// library's upload chain (the tool itself runs in one thread).
+int other_threads() {
+    DIR *tasks = opendir("/proc/self/task");
+    if (!tasks) return 0;
+    int count = 0;
+    while (const dirent *entry = readdir(tasks))
+        if (entry->d_name[0] != '.') ++count;
+    closedir(tasks);
+    return count - 1;
+}
+
+// Rotate mode uploads from threads of this process, and its end stops and
+// removes the capture files and the upload route: the tool stays until
+// those threads have ended, or they would die with it half way.
+void wait_for_rotate_end(const CaptureRecord &record) {
+    if (record.mode != 1) return;
+    int polls = 0;
+    for (; polls < CHAIN_END_POLLS && other_threads() > 0; ++polls) usleep(POLL_US);
+    if (polls == CHAIN_END_POLLS)
+        warn("rotate mode's upload threads did not end in time; leaving them behind");
+    else
+        say("rotate mode ended: its files sent and removed, the upload route deleted\n");
+}
+
 // Follows a running capture until it ends by itself or the user stops it.
 int follow(const CaptureRecord &record, long &shown) {
     if (!console().out_is_tty) say("capturing; stop with Ctrl-C or 'zqdiag capture stop'\n");
@@ -189,8 +218,9 @@ int follow(const CaptureRecord &record, long &shown) {
         if (capture_abnormal_get() != 0) {
             if (console().out_is_tty) say("\n");
             say("the capture ended by itself (tcpdump is gone)\n");
+            wait_for_rotate_end(record);
             finish_dead_capture(record);
-            show_archive();
+            if (record.mode == 0) show_archive();
             return EXIT_OK;
         }
         usleep(POLL_US);
@@ -200,6 +230,12 @@ int follow(const CaptureRecord &record, long &shown) {
     capture_set();
     remove_capture_record();
     say("capture stopped, %ld bytes captured\n", shown);
+    // Rotate mode's end removes what the stop packed: its files went to the
+    // server as they finished.
+    if (record.mode == 1) {
+        wait_for_rotate_end(record);
+        return EXIT_OK;
+    }
     show_archive();
     return EXIT_OK;
 }
@@ -215,6 +251,18 @@ int capture_start(const Command &self, const ParsedArgs &args) {
         auto number = parse_number(*value, 0, MAX_INTERFACE_INDEX);
         if (!number) return usage_error(self, "bad interface '" + *value + "' (0 to 8)");
         kind = *number;
+    }
+    // Rotate mode sends every finished file to the server at once: it
+    // needs the server, the protocol and the WAN of an upload.
+    if (mode == 1) {
+        if (args.has("detach"))
+            return usage_error(self, "--detach does not go with rotate: its uploads run in this process");
+        UploadRequest request;
+        int status = EXIT_OK;
+        if (!read_upload_options(self, args, request, status)) return status;
+        snprintf(g_cap_exec.url, sizeof(g_cap_exec.url), "%s", request.url.c_str());
+        g_cap_exec.protocol = request.protocol;
+        g_cap_exec.wan_mask = request.wan ? static_cast<uint8_t>(1u << (request.wan - 1)) : 0;
     }
     g_cap_exec.mode = mode;
     g_cap_exec.kind = kind;
@@ -326,9 +374,12 @@ int run_capture(const Command &self, const ParsedArgs &args) {
     const std::string &action = args.positionals.front();
     if (action != "start" && (args.has("mode") || args.has("interface") || args.has("detach")))
         return usage_error(self, "--mode, --interface and --detach go with start");
-    if (action != "upload" &&
+    const bool rotate_start = action == "start" && args.value("mode") && *args.value("mode") == "rotate";
+    if (action != "upload" && !rotate_start &&
         (args.has("url") || args.has("protocol") || args.has("wan") || args.has("timeout")))
-        return usage_error(self, "--url, --protocol, --wan and --timeout go with upload");
+        return usage_error(self, "--url, --protocol, --wan and --timeout go with upload (and --url, "
+                                 "--protocol and --wan with start --mode rotate)");
+    if (rotate_start && args.has("timeout")) return usage_error(self, "--timeout goes with upload");
     if (action == "start") return capture_start(self, args);
     if (action == "stop") return capture_stop();
     if (action == "status") return capture_status();

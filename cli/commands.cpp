@@ -324,13 +324,18 @@ constexpr Command COMMANDS[] = {
      "left behind by a process that died; a running diagnosis loses its permit too.",
      HELP_ONLY, run_permit, false},
     {"capture",
-     "start [--mode single|rotate] [--interface N] [--detach] | stop | status | upload --url URL "
-     "[--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
+     "start [--mode single|rotate] [--interface N] [--detach] [--url URL [--protocol ftp|tftp] [--wan N]] "
+     "| stop | status | upload --url URL [--protocol ftp|tftp] [--wan N] [--timeout SECONDS]",
      "start, stop, show or upload a packet capture",
      "start: takes the diagnosis permit and starts tcpdump (capture_set), then shows\n"
      "the bytes captured as they grow until Ctrl-C stops the capture, or until it\n"
      "ends by itself (5000 packets); the files are then packed into\n"
      "/tmp/capture_file/capture.tar. With --detach it returns at once.\n"
+     "start --mode rotate --url URL [--protocol P] [--wan N]: tcpdump writes two files\n"
+     "of the allowance's size in turn, and every file it finishes is sent at once to\n"
+     "the server as cap_0.pcap, cap_1.pcap, ... The uploads run in this process:\n"
+     "it follows the capture (no --detach) and after Ctrl-C stays until rotate\n"
+     "mode's end has removed the capture files and the upload route.\n"
      "stop: stops a running capture, started here or by another process, shows the\n"
      "bytes captured and packs the files. It gives the permit back for a capture\n"
      "zqdiag started (noted in /var/run/zqdiag.capture); another process's capture\n"

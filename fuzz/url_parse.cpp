@@ -3,9 +3,10 @@
 // (a fuzzer must never reach the network). Checks: every text field of the
 // block stays terminated inside its array; on success the fields hold only
 // what the word classes allow (so nothing a shell acts on), user and password
-// are at most 19 characters, the path starts with '/', the port is 1 to
-// 65535, and the URL ends in '/' when it has room for it. The management
-// tool's URL check (upload_url_problem) agrees with the parser.
+// are at most 19 characters, the path starts with '/', the port is a
+// positive int (never a word with '-' in a command), and the URL ends in '/'
+// when it has room for it. The management tool's URL check
+// (upload_url_problem) agrees with the parser.
 //
 // Input: [resolver answer][url bytes...]
 //   resolver answer: bit 0 set: a name resolves to 203.0.113.21, else fails.
@@ -55,8 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // What the tool accepts, the library takes (when the name resolves);
     // what the library takes from a URL that begins with its scheme, the
     // tool accepts, but for the three things it is stricter about: a port
-    // of 0 or none after the ':', a 63-character URL with no room for the
-    // '/', and a server path the parser would cut to 19 characters.
+    // that is not a plain number from 1 to 65535, a 63-character URL with no
+    // room for the '/', and a server path the parser would cut to 19
+    // characters.
     if (was_terminated && !problem && resolves) FUZZ_CHECK(rc == 0);
     if (rc == 0 && (text.starts_with("ftp://") || text.starts_with("tftp://")) && problem) {
         const std::string_view why(problem);
@@ -70,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(only(zq::view(p.user), "_.-") && only(zq::view(p.password), "_.-"));
     FUZZ_CHECK(only(zq::view(p.host), "_.-:") && p.host[0] != '\0');
     FUZZ_CHECK(p.path[0] == '/');
-    FUZZ_CHECK(p.port >= 1 && p.port <= 65535);
+    FUZZ_CHECK(p.port >= 1 && p.port <= static_cast<uint32_t>(INT32_MAX));
     const size_t length = strlen(p.url);
     FUZZ_CHECK(length > 62 || p.url[length - 1] == '/');
     return 0;

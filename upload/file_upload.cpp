@@ -112,16 +112,19 @@ int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]
 
 namespace {
 
-// The port written after the host, or 0 when there is none.
+// The port written after the host, read as atoi reads it: 0 when there is
+// no number, which keeps the scheme's port. The text itself reaches no
+// command (the port is formatted as a number), so trailing characters are
+// simply not read.
 int parse_port(std::string_view text, uint32_t &port) {
-    port = 0;
-    if (text.empty()) return 0;
-    if (!accept_upload_word("wput_url_parse", upload_word::port, "port", text)) return -1;
-    if (text.size() > 5 || zq::parse_u64_prefix(text) > zq::MAX_UPLOAD_PORT) {
-        ZQ_LOG_AS("wput_url_parse", "refused port: above 65535");
+    const int value = zq::to_int(text);
+    // A negative port would stand in btftp's and ftp's command lines as a
+    // word beginning with '-', which they would take for an option.
+    if (value < 0) {
+        ZQ_LOG_AS("wput_url_parse", "refused port: negative");
         return -1;
     }
-    port = static_cast<uint32_t>(zq::parse_u64_prefix(text));
+    port = static_cast<uint32_t>(value);
     return 0;
 }
 

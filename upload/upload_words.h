@@ -18,7 +18,6 @@ enum class upload_word : uint8_t {
     url,         // the whole URL: scheme, credentials, host, port and path characters
     credential,  // FTP user name or password
     host,        // host name or address
-    port,        // decimal port number
     server_path, // directory on the server, from '/'
     local_path,  // full path of a file on the gateway
     file_name,   // one name without a directory
@@ -52,7 +51,6 @@ inline constexpr upload_word_rule UPLOAD_WORD_RULES[] = {
     {upload_word::url, "_.-/:@", false, false, true, true},
     {upload_word::credential, "_.-", false, false, false, false},
     {upload_word::host, "_.-:", false, false, true, false},
-    {upload_word::port, "", false, false, false, false},
     {upload_word::server_path, "_.-/", true, false, false, true},
     {upload_word::local_path, "_.-/", true, false, false, true},
     {upload_word::file_name, "_.-", false, true, false, false},
@@ -75,7 +73,6 @@ inline const char *upload_word_problem(upload_word kind, std::string_view text) 
         if (rule.kind != kind) continue;
         bool plain = is_word_of(text, rule.extra) && (!rule.rooted || text.front() == '/') &&
                      (!rule.dots_forbidden || (text != "." && text != ".."));
-        if (kind == upload_word::port) plain = plain && text.find_first_not_of("0123456789") == text.npos;
         if (!plain) return "not a plain word";
         if (rule.no_option && text.front() == '-') return "begins with '-'";
         if (rule.no_climb && climbs(text)) return "holds a '..' component";
@@ -132,7 +129,10 @@ inline const char *upload_url_problem(std::string_view url) {
         return "the server's name may hold only letters, digits and _ . -, and not begin with '-'";
     if (colon != std::string_view::npos) {
         const std::string_view port = slice(host_part, colon + 1);
-        if (port.empty() || port.size() > 5 || upload_word_problem(upload_word::port, port) ||
+        // The library reads the port as atoi does (trailing text ignored, 0
+        // or none for the scheme's port); a URL meant for it holds a plain
+        // port from 1 to 65535.
+        if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != port.npos ||
             parse_u64_prefix(port) == 0 || parse_u64_prefix(port) > MAX_UPLOAD_PORT)
             return "the port must be a number from 1 to 65535";
     }

@@ -62,6 +62,11 @@ TEST(UrlParse, Grammar) {
         {"ftp://10.0.0.1/", 0, "10.0.0.1", "", "", "/", 21, "ftp://10.0.0.1/"},
         {"ftp://u:@10.0.0.1/d", 0, "10.0.0.1", "u", "", "/d/", 21, nullptr},
         {"ftp://u:p@10.0.0.1:0/d", 0, "10.0.0.1", "u", "p", "/d/", 21, nullptr},
+        // The port is read as atoi reads it: its leading number, none keeps the scheme's.
+        {"ftp://10.0.0.1:2121x/d", 0, "10.0.0.1", "", "", "/d/", 2121, nullptr},
+        {"tftp://10.0.0.1:abc/", 0, "10.0.0.1", "", "", "/", 69, nullptr},
+        {"tftp://10.0.0.1:70000/", 0, "10.0.0.1", "", "", "/", 70000, nullptr},
+        {"ftp://10.0.0.1:-21/", -1, "", "", "", "", 21, nullptr},
         {"ftp://10.0.0.1/abcdefghijklmnopqrstuvwxyz", 0, "10.0.0.1", "", "", "/abcdefghijklmnopqr", 21,
          nullptr},
         {"http://10.0.0.1/", -1, "", "", "", "", 0, nullptr},
