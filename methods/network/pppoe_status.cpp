@@ -27,6 +27,9 @@ constexpr size_t SERVICE_OUT_SIZE = 256;
 
 constexpr const char *IPCP_CONF_ACK = "IPCP, Conf-Ack";
 constexpr const char *LCP_CONF_ACK = "LCP, Conf-Ack";
+// Log lines of the helpers below are those of the functions they belong to.
+constexpr const char *DIAG_ACTION = "zq_get_pppoe_diag";
+constexpr const char *TEXT_ANALYSIS = "zq_check_pppoe_error";
 constexpr const char *IPCP_OPTION_NAMES[] = {"IP-Addr Option", "Pri-DNS Option", "Sec-DNS Option"};
 
 // Found, and found again from one character after the first match.
@@ -115,7 +118,7 @@ void judge_session(char *block) {
 uint32_t analyse_sessions() {
     FILE *file = fopen(ZQ_CAPTURE_PARSE, "r");
     if (!file) {
-        ZQ_LOG("create fp fail");
+        ZQ_LOG_AS(TEXT_ANALYSIS, "create fp fail");
         return PPPOE_ANALYSED;
     }
     server_list servers{};
@@ -177,14 +180,14 @@ void diagnose_connection(zqSD_wan_diag &wan, const zq_diag_args &args) {
     if (up || zq_diag_capture(&wan) != 0) return;
     get_tcpdump_parse(PPPOE_DECODE_FILTER);
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0) {
-        ZQ_LOG("Can not find any pppoed pppoes packets within specified time");
+        ZQ_LOG_AS(DIAG_ACTION, "Can not find any pppoed pppoes packets within specified time");
         zq_diag_msg_printf(DIAG_MSG_ERROR, "\tCan not find any pppoed pppoes packets within specified time");
         return;
     }
     char interface[sizeof(wan.nas_interface) + 1] = {};
     zq::copy(interface, wan.nas_interface);
     if (pppoe_filter_special(interface) != 0) {
-        ZQ_LOG("filter_special_error!");
+        ZQ_LOG_AS(DIAG_ACTION, "filter_special_error!");
         return;
     }
     const uint32_t verdict = zq_check_pppoe_error();
@@ -374,7 +377,7 @@ int pppoe_filter_special(const char *interface) { return filter_special(interfac
 
 int zq_get_pppoe_diag(zq_diag_args args) {
     write_result(args, PPPOE_ANALYSED);
-    list_diag_record<zqSD_wan_diag>("zq_get_pppoe_diag", [&](zqSD_wan_diag &wan) {
+    list_diag_record<zqSD_wan_diag>(DIAG_ACTION, [&](zqSD_wan_diag &wan) {
         if (zq::contains(wan.type, "route-ppp")) diagnose_connection(wan, args);
         return false;
     });

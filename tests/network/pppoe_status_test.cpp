@@ -120,11 +120,27 @@ TEST_F(PppoeStatus, NoPacketsAtAll) {
     // No link: the capture holds no PPPoE packet of any interface.
     wanlab::store_down_wan(WAN_NAME, "nas0_1", "route-ppp");
     uint32_t result = 77;
-    EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
+    const std::string log = wanlab::log_of(
+        [&] { EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0); });
     EXPECT_EQ(std::string(zq_diag_msg),
               std::string(HEADING) +
                   "[error  ]\tCan not find any pppoed pppoes packets within specified time\n");
     EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_pppoe_diag",
+                                  "Can not find any pppoed pppoes packets within specified time"))
+        << log;
+}
+
+TEST_F(PppoeStatus, PacketsOfAnotherInterfaceOnly) {
+    // The exchange runs on nas0_1; the connection's interface sees none of it.
+    zqlab::scenario("pppoe-success");
+    wanlab::store_down_wan(WAN_NAME, "nas0_9", "route-ppp");
+    uint32_t result = 77;
+    const std::string log = wanlab::log_of(
+        [&] { EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0); });
+    EXPECT_EQ(std::string(zq_diag_msg), HEADING);
+    EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_pppoe_diag", "filter_special_error!")) << log;
 }
 
 TEST_F(PppoeStatus, RulesOnTheWholeText) {
