@@ -122,6 +122,24 @@ TEST_F(DhcpStatus, TwoConnectionsShareOneCapture) {
     EXPECT_FALSE(zqlab::file_exists("/tmp/canary"));
 }
 
+// The index is the fourth word of the first line naming the interface, as
+// atoi reads it; only 0 (no number) refuses the interface.
+TEST_F(DhcpStatus, InterfaceIndexOfTheFirstLine) {
+    const std::pair<const char *, int> cases[] = {
+        {"nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", 0},
+        {"nas0_0 Out ifindex -3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", 0},
+        {"nas0_0 Out ifindex 0 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+        {"nas0_0 Out ifindex x IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+        {"nas0_0 Out\n", -1},
+        {"nas0_1 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+    };
+    for (const auto &[line, result] : cases) {
+        zqlab::write_file("/tmp/capture_file/capture_parse", line);
+        EXPECT_EQ(dhcp_filter_special("nas0_0"), result) << line;
+    }
+    EXPECT_EQ(dhcp_filter_special(nullptr), -1);
+}
+
 TEST_F(DhcpStatus, PacketFlagsNameTheMessageTypes) {
     const std::pair<const char *, uint32_t> cases[] = {
         {"\t    DHCP-Message (53), length 1: Offer\n", 2u},
