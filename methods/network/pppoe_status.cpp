@@ -241,6 +241,8 @@ int read_session_block(FILE *file, char *buffer, uint32_t capacity) {
             line[n++] = '\n';
             line[n] = '\0';
         }
+        // The added line end counts too, so the block and its terminator
+        // always fit.
         if (n + length >= capacity) return 0;
         const size_t kept = n < LINE_KEPT ? n : LINE_KEPT;
         memcpy(buffer + length, line, kept);
@@ -309,7 +311,8 @@ char *last_conf_request(char *text, const char *kind) {
     if (!request) return nullptr;
     // The packet starts at its direction ("In" or "Out") when that stands
     // shortly before the request; when neither is found there, at the
-    // request itself.
+    // request itself. A request near the block's start is looked at from
+    // the start: nothing before the block is read.
     char *from = static_cast<size_t>(request - text) > BEFORE_REQUEST ? request - BEFORE_REQUEST : text;
     char *start = request;
     char *in = strstr(from, "In");
@@ -318,15 +321,14 @@ char *last_conf_request(char *text, const char *kind) {
         start = in;
     else if (out && out <= request)
         start = out;
-    // It ends before the next packet's line, found by its direction. A
-    // direction closer than the cut leaves the packet text empty.
+    // It ends before the next packet's line, found by its direction. A cut
+    // that falls before the start leaves the packet text running to the
+    // block's end; one that would fall before the block is not made.
     char *next_in = strstr(start + 1, "In");
     char *next_out = strstr(start + 1, "Out");
     if (next_in && next_out) {
         char *nearer = next_in < next_out ? next_in : next_out;
-        char *cut =
-            static_cast<size_t>(nearer - start) >= BEFORE_NEXT_LINE ? nearer - BEFORE_NEXT_LINE : start;
-        *cut = '\0';
+        if (static_cast<size_t>(nearer - text) >= BEFORE_NEXT_LINE) *(nearer - BEFORE_NEXT_LINE) = '\0';
     }
     return start;
 }

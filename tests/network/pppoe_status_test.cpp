@@ -198,6 +198,43 @@ TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
     EXPECT_EQ(zq_file_to_buffer(nullptr, "/tmp/capture_file/capture_parse"), 0);
 }
 
+// The text of the last configure request starts at its direction and ends
+// 6 characters before the next direction, wherever that cut falls.
+TEST_F(PppoeStatus, ConfRequestTextEndsBeforeTheNextDirection) {
+    std::string block = "PADI [Service-Name \"isp1\"]\n"
+                        "nas0_1 In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                        "\t  MRU Option (0x01), length 4: 1492\n"
+                        "nas0_1 Out PPPoE  [ses 0x1] LCP, Conf-Nack (0x03), id 1, length 10\n"
+                        "nas0_1 In  PPPoE PADT [ses 0x1]\n";
+    const char *start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), "In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                                  "\t  MRU Option (0x01), length 4: 1492\nn");
+
+    // The next direction right after the start: the cut falls before the
+    // start, and the packet text runs to the block's end.
+    const std::string close_directions = "PADI [Service-Name \"isp1\"]\n"
+                                         "InOut LCP, Conf-Request (0x01)\n"
+                                         "\t  MRU Option (0x01), length 4: 1492\n"
+                                         "\t  Auth-Prot Option (0x03), length 5: PAP\n"
+                                         "nas0_1 In  PPPoE PADT [ses 0x1]\n";
+    block = close_directions;
+    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), close_directions.substr(close_directions.find("InOut")));
+    block = close_directions;
+    lcp_options lcp{};
+    EXPECT_EQ(parse_lcp_options(block.data(), lcp), 1);
+    EXPECT_STREQ(lcp.mru, "1492");
+    EXPECT_STREQ(lcp.auth, " PAP");
+
+    // A cut that would fall before the block is not made.
+    block = "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n";
+    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n");
+}
+
 TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {
     std::string block = "nas0_1 In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
                         "\t  MRU Option (0x01), length 4: 14921492149214921492\n"
