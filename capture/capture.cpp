@@ -284,9 +284,7 @@ int interface_index_of(const char *line) {
         zq::copy(word, zq::slice(rest, 0, end));
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
     }
-    // A negative index is as meaningless as 0.
-    const int index = zq::to_int(words[3]);
-    return index > 0 ? index : 0;
+    return zq::to_int(words[3]);
 }
 
 int filter_special(const char *name, const char *ifindex_filter) {
@@ -305,7 +303,7 @@ int filter_special(const char *name, const char *ifindex_filter) {
     pclose(pipe);
     if (!got || line[0] == '\0') return -1;
     const int index = interface_index_of(line);
-    if (index <= 0) return -1;
+    if (index == 0) return -1;
     char filter[256] = {};
     ZQ_FORMAT(filter, ifindex_filter, index);
     get_tcpdump_parse(filter);

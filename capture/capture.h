@@ -65,10 +65,11 @@ constexpr const char *PPPOE_IFINDEX_FILTER =
     "-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == %d ) and (pppoed or pppoes)\" ";
 
 // The interface index of a decoded line with link-level header ("nas0_0
-// Out ifindex 3 ..."): its fourth word as a number, 0 when there is none.
+// Out ifindex 3 ..."): its fourth word read as atoi reads it, 0 when there
+// is none.
 int interface_index_of(const char *line);
 
 // Narrows capture_parse to the packets of interface `name` with
 // `ifindex_filter` (one of the two above): 0, or -1 when the name is not a
-// plain interface name or appears on no decoded line with an index.
+// plain interface name or its first decoded line gives the index 0.
 int filter_special(const char *name, const char *ifindex_filter);

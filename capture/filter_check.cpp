@@ -11,8 +11,8 @@
 // - the decode filters of get_tcpdump_parse: these are options and an
 //   expression together ("-tve '...'"), so the strict rule could never
 //   accept them. They are not outside text at all: the only ones accepted
-//   are the library's own templates, with a decimal number where the
-//   template has %d. A caller therefore cannot reach tcpdump's options
+//   are the library's own templates, with a decimal number (a '-' sign
+//   allowed) where the template has %d. A caller therefore cannot reach tcpdump's options
 //   through the decode path, and the strict rule never has to admit them.
 #include <cstddef>
 
@@ -49,11 +49,13 @@ bool has_option_word(std::string_view filter) {
     return false;
 }
 
-// `text` is `pattern` with at most 10 decimal digits in place of each %d.
+// `text` is `pattern` with an int as %d prints it (an optional '-', at most
+// 10 decimal digits) in place of each %d.
 bool matches_template(std::string_view pattern, std::string_view text) {
     size_t t = 0;
     for (size_t p = 0; p < pattern.size(); ++p) {
         if (zq::slice(pattern, p, p + 2) == "%d") {
+            if (t < text.size() && text[t] == '-') ++t;
             size_t digits = 0;
             while (t < text.size() && text[t] >= '0' && text[t] <= '9' && digits < MAX_NUMBER_DIGITS) {
                 ++t;

@@ -2,10 +2,12 @@
 // and the interface index read from a decoded line. An accepted filter must
 // hold nothing the shell acts on and no word that tcpdump would take for
 // an option; an accepted interface name only name characters; the index
-// reader must stay inside its line and its 16-byte words.
+// reader must stay inside its line and its 16-byte words, and the decode
+// filter of any index it gives must pass the decode-filter check.
 //
 // Input: [selector][text...]
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -75,7 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::unique_ptr<char[]> line(new char[text.size() + 1]);
         memcpy(line.get(), text.data(), text.size());
         line[text.size()] = '\0';
-        FUZZ_CHECK(interface_index_of(line.get()) >= 0);
+        // Whatever index a line gives, its decode filter is one of ours.
+        const int index = interface_index_of(line.get());
+        for (const char *pattern : {DHCP_IFINDEX_FILTER, PPPOE_IFINDEX_FILTER}) {
+            char filter[256] = {};
+            snprintf(filter, sizeof(filter), pattern, index);
+            FUZZ_CHECK(is_decode_filter(filter));
+        }
         break;
     }
     }

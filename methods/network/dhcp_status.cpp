@@ -52,6 +52,9 @@ const dhcp_rule &rule_for(uint32_t flags) {
 
 constexpr uint32_t CONNECTED_MAX = WAN_CONNECT_UNSTABLE;
 
+// The log lines of one connection are the diag action's.
+constexpr const char *DIAG_ACTION = "zq_get_dhcp_status_diag";
+
 void diagnose_connection(zqSD_wan_diag &wan) {
     const std::string_view name = zq::view(wan.wan_name);
     const int name_len = static_cast<int>(name.size());
@@ -64,14 +67,14 @@ void diagnose_connection(zqSD_wan_diag &wan) {
     zq_diag_capture(&wan);
     get_tcpdump_parse(DHCP_DECODE_FILTER);
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0) {
-        ZQ_LOG("Can not find any dhcp packets within specified time");
+        ZQ_LOG_AS(DIAG_ACTION, "Can not find any dhcp packets within specified time");
         zq_diag_msg_printf(DIAG_MSG_WARN, "\tCan not find any dhcp packets within specified time");
         return;
     }
     char interface[sizeof(wan.nas_interface) + 1] = {};
     zq::copy(interface, wan.nas_interface);
     if (dhcp_filter_special(interface) != 0) {
-        ZQ_LOG("filter_special_error!");
+        ZQ_LOG_AS(DIAG_ACTION, "filter_special_error!");
         return;
     }
     const dhcp_rule &rule = rule_for(dhcp_packet_flags());
@@ -91,7 +94,7 @@ uint32_t dhcp_packet_flags() {
 }
 
 int zq_get_dhcp_status_diag(zq_diag_args) {
-    list_diag_record<zqSD_wan_diag>("zq_get_dhcp_status_diag", [](zqSD_wan_diag &wan) {
+    list_diag_record<zqSD_wan_diag>(DIAG_ACTION, [](zqSD_wan_diag &wan) {
         if (zq::contains(wan.type, "route-dhcp")) diagnose_connection(wan);
         return false;
     });

@@ -27,6 +27,9 @@ constexpr size_t SERVICE_OUT_SIZE = 256;
 
 constexpr const char *IPCP_CONF_ACK = "IPCP, Conf-Ack";
 constexpr const char *LCP_CONF_ACK = "LCP, Conf-Ack";
+// Log lines of the helpers below are those of the functions they belong to.
+constexpr const char *DIAG_ACTION = "zq_get_pppoe_diag";
+constexpr const char *TEXT_ANALYSIS = "zq_check_pppoe_error";
 constexpr const char *IPCP_OPTION_NAMES[] = {"IP-Addr Option", "Pri-DNS Option", "Sec-DNS Option"};
 
 // Found, and found again from one character after the first match.
@@ -115,7 +118,7 @@ void judge_session(char *block) {
 uint32_t analyse_sessions() {
     FILE *file = fopen(ZQ_CAPTURE_PARSE, "r");
     if (!file) {
-        ZQ_LOG("create fp fail");
+        ZQ_LOG_AS(TEXT_ANALYSIS, "create fp fail");
         return PPPOE_ANALYSED;
     }
     server_list servers{};
@@ -177,14 +180,14 @@ void diagnose_connection(zqSD_wan_diag &wan, const zq_diag_args &args) {
     if (up || zq_diag_capture(&wan) != 0) return;
     get_tcpdump_parse(PPPOE_DECODE_FILTER);
     if (zq_get_file_size(ZQ_CAPTURE_PARSE) == 0) {
-        ZQ_LOG("Can not find any pppoed pppoes packets within specified time");
+        ZQ_LOG_AS(DIAG_ACTION, "Can not find any pppoed pppoes packets within specified time");
         zq_diag_msg_printf(DIAG_MSG_ERROR, "\tCan not find any pppoed pppoes packets within specified time");
         return;
     }
     char interface[sizeof(wan.nas_interface) + 1] = {};
     zq::copy(interface, wan.nas_interface);
     if (pppoe_filter_special(interface) != 0) {
-        ZQ_LOG("filter_special_error!");
+        ZQ_LOG_AS(DIAG_ACTION, "filter_special_error!");
         return;
     }
     const uint32_t verdict = zq_check_pppoe_error();
@@ -238,6 +241,8 @@ int read_session_block(FILE *file, char *buffer, uint32_t capacity) {
             line[n++] = '\n';
             line[n] = '\0';
         }
+        // The added line end counts too, so the block and its terminator
+        // always fit.
         if (n + length >= capacity) return 0;
         const size_t kept = n < LINE_KEPT ? n : LINE_KEPT;
         memcpy(buffer + length, line, kept);
@@ -306,7 +311,8 @@ char *last_conf_request(char *text, const char *kind) {
     if (!request) return nullptr;
     // The packet starts at its direction ("In" or "Out") when that stands
     // shortly before the request; when neither is found there, at the
-    // request itself.
+    // request itself. A request near the block's start is looked at from
+    // the start: nothing before the block is read.
     char *from = static_cast<size_t>(request - text) > BEFORE_REQUEST ? request - BEFORE_REQUEST : text;
     char *start = request;
     char *in = strstr(from, "In");
@@ -315,15 +321,14 @@ char *last_conf_request(char *text, const char *kind) {
         start = in;
     else if (out && out <= request)
         start = out;
-    // It ends before the next packet's line, found by its direction. A
-    // direction closer than the cut leaves the packet text empty.
+    // It ends before the next packet's line, found by its direction. A cut
+    // that falls before the start leaves the packet text running to the
+    // block's end; one that would fall before the block is not made.
     char *next_in = strstr(start + 1, "In");
     char *next_out = strstr(start + 1, "Out");
     if (next_in && next_out) {
         char *nearer = next_in < next_out ? next_in : next_out;
-        char *cut =
-            static_cast<size_t>(nearer - start) >= BEFORE_NEXT_LINE ? nearer - BEFORE_NEXT_LINE : start;
-        *cut = '\0';
+        if (static_cast<size_t>(nearer - text) >= BEFORE_NEXT_LINE) *(nearer - BEFORE_NEXT_LINE) = '\0';
     }
     return start;
 }
@@ -374,7 +379,7 @@ int pppoe_filter_special(const char *interface) { return filter_special(interfac
 
 int zq_get_pppoe_diag(zq_diag_args args) {
     write_result(args, PPPOE_ANALYSED);
-    list_diag_record<zqSD_wan_diag>("zq_get_pppoe_diag", [&](zqSD_wan_diag &wan) {
+    list_diag_record<zqSD_wan_diag>(DIAG_ACTION, [&](zqSD_wan_diag &wan) {
         if (zq::contains(wan.type, "route-ppp")) diagnose_connection(wan, args);
         return false;
     });

@@ -136,7 +136,13 @@ TEST_F(Capture, FilterRules) {
     EXPECT_TRUE(is_decode_filter(DHCP_DECODE_FILTER));
     EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 12 ) "
                                  "and (pppoed or pppoes)\" "));
+    EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == -12 ) "
+                                 "and (pppoed or pppoes)\" "));
     EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 1;x ) "
+                                  "and (pppoed or pppoes)\" "));
+    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == - ) "
+                                  "and (pppoed or pppoes)\" "));
+    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == --1 ) "
                                   "and (pppoed or pppoes)\" "));
     EXPECT_FALSE(is_decode_filter("-tve 'icmp' -w /tmp/x"));
 }

@@ -88,10 +88,14 @@ TEST_F(DhcpStatus, NoPacketsAtAll) {
     // No WAN link at all: no client, no packet.
     zqlab::set("wan.num", "0");
     wanlab::store_down_wan(WAN_NAME, "nas0_0", "route-dhcp");
-    EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0);
+    const std::string log =
+        wanlab::log_of([] { EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0); });
     EXPECT_EQ(std::string(zq_diag_msg),
               std::string(HEADING) + "[warn   ]\tCan not find any dhcp packets within specified time\n");
     EXPECT_EQ(wanlab::wan_record(0)->dhcp_state, 0u);
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_dhcp_status_diag",
+                                  "Can not find any dhcp packets within specified time"))
+        << log;
 }
 
 // Two DHCP connections that are down: one capture and one WAN restart,
@@ -106,7 +110,9 @@ TEST_F(DhcpStatus, TwoConnectionsShareOneCapture) {
     wanlab::store_down_wan("1_A", "nas0_0", "route-dhcp");
     wanlab::store_down_wan("3_B", "nas0_2", "route-dhcp");
     wanlab::store_down_wan("4_C", "nas0_2;touch /tmp/canary", "route-dhcp");
-    EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0);
+    const std::string log =
+        wanlab::log_of([] { EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0); });
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_dhcp_status_diag", "filter_special_error!")) << log;
     EXPECT_EQ(std::string(zq_diag_msg), "[error  ]1_A[ipv4] DHCP:\n[normal ]\tDhcp server responded\n"
                                         "[error  ]3_B[ipv4] DHCP:\n[warn   ]\tNo dhcp server responded\n"
                                         "[error  ]4_C[ipv4] DHCP:\n");
@@ -114,6 +120,24 @@ TEST_F(DhcpStatus, TwoConnectionsShareOneCapture) {
     EXPECT_EQ(wanlab::wan_record(1)->dhcp_state, 2u);
     EXPECT_EQ(zqlab::journal("diagM").size(), 1u);
     EXPECT_FALSE(zqlab::file_exists("/tmp/canary"));
+}
+
+// The index is the fourth word of the first line naming the interface, as
+// atoi reads it; only 0 (no number) refuses the interface.
+TEST_F(DhcpStatus, InterfaceIndexOfTheFirstLine) {
+    const std::pair<const char *, int> cases[] = {
+        {"nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", 0},
+        {"nas0_0 Out ifindex -3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", 0},
+        {"nas0_0 Out ifindex 0 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+        {"nas0_0 Out ifindex x IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+        {"nas0_0 Out\n", -1},
+        {"nas0_1 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", -1},
+    };
+    for (const auto &[line, result] : cases) {
+        zqlab::write_file("/tmp/capture_file/capture_parse", line);
+        EXPECT_EQ(dhcp_filter_special("nas0_0"), result) << line;
+    }
+    EXPECT_EQ(dhcp_filter_special(nullptr), -1);
 }
 
 TEST_F(DhcpStatus, PacketFlagsNameTheMessageTypes) {

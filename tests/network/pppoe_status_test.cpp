@@ -120,11 +120,27 @@ TEST_F(PppoeStatus, NoPacketsAtAll) {
     // No link: the capture holds no PPPoE packet of any interface.
     wanlab::store_down_wan(WAN_NAME, "nas0_1", "route-ppp");
     uint32_t result = 77;
-    EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
+    const std::string log = wanlab::log_of(
+        [&] { EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0); });
     EXPECT_EQ(std::string(zq_diag_msg),
               std::string(HEADING) +
                   "[error  ]\tCan not find any pppoed pppoes packets within specified time\n");
     EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_pppoe_diag",
+                                  "Can not find any pppoed pppoes packets within specified time"))
+        << log;
+}
+
+TEST_F(PppoeStatus, PacketsOfAnotherInterfaceOnly) {
+    // The exchange runs on nas0_1; the connection's interface sees none of it.
+    zqlab::scenario("pppoe-success");
+    wanlab::store_down_wan(WAN_NAME, "nas0_9", "route-ppp");
+    uint32_t result = 77;
+    const std::string log = wanlab::log_of(
+        [&] { EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0); });
+    EXPECT_EQ(std::string(zq_diag_msg), HEADING);
+    EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(wanlab::logged_as(log, "zq_get_pppoe_diag", "filter_special_error!")) << log;
 }
 
 TEST_F(PppoeStatus, RulesOnTheWholeText) {
@@ -180,6 +196,43 @@ TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
     EXPECT_LT(strlen(text), sizeof(text));
     EXPECT_EQ(zq_file_to_buffer(&buffer, "/tmp/capture_file/none"), 0);
     EXPECT_EQ(zq_file_to_buffer(nullptr, "/tmp/capture_file/capture_parse"), 0);
+}
+
+// The text of the last configure request starts at its direction and ends
+// 6 characters before the next direction, wherever that cut falls.
+TEST_F(PppoeStatus, ConfRequestTextEndsBeforeTheNextDirection) {
+    std::string block = "PADI [Service-Name \"isp1\"]\n"
+                        "nas0_1 In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                        "\t  MRU Option (0x01), length 4: 1492\n"
+                        "nas0_1 Out PPPoE  [ses 0x1] LCP, Conf-Nack (0x03), id 1, length 10\n"
+                        "nas0_1 In  PPPoE PADT [ses 0x1]\n";
+    const char *start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), "In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
+                                  "\t  MRU Option (0x01), length 4: 1492\nn");
+
+    // The next direction right after the start: the cut falls before the
+    // start, and the packet text runs to the block's end.
+    const std::string close_directions = "PADI [Service-Name \"isp1\"]\n"
+                                         "InOut LCP, Conf-Request (0x01)\n"
+                                         "\t  MRU Option (0x01), length 4: 1492\n"
+                                         "\t  Auth-Prot Option (0x03), length 5: PAP\n"
+                                         "nas0_1 In  PPPoE PADT [ses 0x1]\n";
+    block = close_directions;
+    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), close_directions.substr(close_directions.find("InOut")));
+    block = close_directions;
+    lcp_options lcp{};
+    EXPECT_EQ(parse_lcp_options(block.data(), lcp), 1);
+    EXPECT_STREQ(lcp.mru, "1492");
+    EXPECT_STREQ(lcp.auth, " PAP");
+
+    // A cut that would fall before the block is not made.
+    block = "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n";
+    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(std::string(start), "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n");
 }
 
 TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {

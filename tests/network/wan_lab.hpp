@@ -130,4 +130,24 @@ inline std::string fixture(const std::string &name) {
 
 inline std::string decoded_text() { return zqlab::read_file("/tmp/capture_file/capture_parse"); }
 
+// What the library wrote to its technical log while `fn` ran.
+template <class Fn> std::string log_of(Fn &&fn) {
+    testing::internal::CaptureStdout();
+    fn();
+    return testing::internal::GetCapturedStdout();
+}
+
+// True when `log` holds the line "![<func> <line>] <message>".
+inline bool logged_as(const std::string &log, const std::string &func, const std::string &message) {
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string lead = "![" + func + " ";
+        const size_t close = line.find("] ");
+        if (line.compare(0, lead.size(), lead) == 0 && close != std::string::npos &&
+            line.substr(close + 2) == message)
+            return true;
+    }
+    return false;
+}
+
 } // namespace wanlab
