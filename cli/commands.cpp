@@ -155,9 +155,9 @@ int run_records(const Command &self, const ParsedArgs &args) {
     const auto records = collect_records(skipped);
     for (const std::string &note : skipped) warn("skipped %s", note.c_str());
     if (args.has("json"))
-        print_records_json(records, request.mode);
+        print_records_json(records, request.mode, result.tally.steps);
     else
-        print_records_text(records);
+        print_records_text(records, result.tally.steps);
     return EXIT_OK;
 }
 

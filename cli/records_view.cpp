@@ -203,9 +203,59 @@ uint64_t read_unsigned(const unsigned char *bytes, Kind kind) {
 }
 
 // The text of a fixed array: up to its first NUL, or the whole array.
+// The text of a field without the line ending that the tool it came from
+// printed after it ("GPON\n" from diagM is the value "GPON").
 std::string_view read_text(const unsigned char *bytes, size_t width) {
     const char *text = reinterpret_cast<const char *>(bytes);
-    return std::string_view(text, strnlen(text, width));
+    std::string_view value(text, strnlen(text, width));
+    while (!value.empty() && (value.back() == '\n' || value.back() == '\r')) value.remove_suffix(1);
+    return value;
+}
+
+// ---- Verdicts not given -----------------------------------------------------
+// A WAN record is made by wan_status with every later verdict at 0, which
+// reads as one ("Internet reachable", "route present"), and with the
+// verdict 2 for an address family the WAN does not carry. Until the step
+// that writes a verdict has judged the record, the field is shown as not
+// run.
+
+template <size_t N> bool holds(const char (&field)[N], const char *needle) {
+    return std::string_view(field, strnlen(field, N)).find(needle) != std::string_view::npos;
+}
+
+struct LaterVerdict {
+    const char *field;
+    const char *step;
+    bool (*judges)(const zqSD_wan_diag &); // the records the step judges
+};
+
+constexpr LaterVerdict LATER_VERDICTS[] = {
+    // wan_status stores 2 for the family a WAN does not carry.
+    {"v4_conn_state", "wan_status", [](const zqSD_wan_diag &w) { return holds(w.protocol, "v4"); }},
+    {"v6_conn_state", "wan_status", [](const zqSD_wan_diag &w) { return holds(w.protocol, "v6"); }},
+    {"dns_state", "dns_status",
+     [](const zqSD_wan_diag &w) { return holds(w.service_type, "INTERNET") && w.v4_conn_state <= 1; }},
+    {"params_state", "wan_params",
+     [](const zqSD_wan_diag &w) { return holds(w.type, "route") && holds(w.protocol, "IPv4"); }},
+    {"route_state", "route_status",
+     [](const zqSD_wan_diag &w) { return holds(w.type, "route") && holds(w.protocol, "IPv4"); }},
+    {"pppoe_state", "pppoe_status",
+     [](const zqSD_wan_diag &w) { return holds(w.type, "route-ppp") && w.v4_conn_state > 1; }},
+    {"dhcp_state", "dhcp_status", [](const zqSD_wan_diag &w) { return holds(w.type, "route-dhcp"); }},
+};
+
+// False when `f` is a later step's verdict that this record has not had.
+bool was_judged(const diag_data_node *node, const Field &f, const std::vector<std::string> &steps) {
+    if (node->type != WAN_DIAG_DATA) return true;
+    for (const LaterVerdict &v : LATER_VERDICTS) {
+        if (strcmp(v.field, f.name) != 0) continue;
+        zqSD_wan_diag wan;
+        memcpy(&wan, node->data, sizeof(wan));
+        bool ran = false;
+        for (const std::string &step : steps) ran = ran || step == v.step;
+        return ran && v.judges(wan);
+    }
+    return true;
 }
 
 // ---- Text view --------------------------------------------------------------
@@ -289,7 +339,8 @@ std::string json_value(const diag_data_node *node, const Field &f) {
     }
 }
 
-void print_record_json(const diag_data_node *node, const RecordType &type, bool last) {
+void print_record_json(const diag_data_node *node, const RecordType &type,
+                       const std::vector<std::string> &steps, bool last) {
     say("    {\n");
     say("      \"type\": %s,\n", json_string(type.name).c_str());
     say("      \"code\": %u,\n", type.code);
@@ -298,7 +349,8 @@ void print_record_json(const diag_data_node *node, const RecordType &type, bool 
     say("      \"fields\": {\n");
     for (size_t i = 0; i < type.fields.size(); ++i) {
         const Field &f = type.fields[i];
-        say("        %s: %s%s\n", json_string(f.name).c_str(), json_value(node, f).c_str(),
+        say("        %s: %s%s\n", json_string(f.name).c_str(),
+            was_judged(node, f, steps) ? json_value(node, f).c_str() : "null",
             i + 1 < type.fields.size() ? "," : "");
     }
     say("      }\n");
@@ -333,7 +385,8 @@ std::vector<const diag_data_node *> collect_records(std::vector<std::string> &sk
     return records;
 }
 
-void print_records_text(const std::vector<const diag_data_node *> &records) {
+void print_records_text(const std::vector<const diag_data_node *> &records,
+                        const std::vector<std::string> &steps) {
     if (records.empty()) {
         say("no records\n");
         return;
@@ -345,15 +398,22 @@ void print_records_text(const std::vector<const diag_data_node *> &records) {
         say("%s%s %u/%u\n", i ? "\n" : "", paint(Paint::cyan, type->name).c_str(),
             static_cast<unsigned>(node->index) + 1, static_cast<unsigned>(node->count));
         const int column = static_cast<int>(name_column(*type));
-        for (const Field &f : type->fields) say("  %-*s  %s\n", column, f.name, text_value(node, f).c_str());
+        for (const Field &f : type->fields)
+            say("  %-*s  %s\n", column, f.name,
+                was_judged(node, f, steps) ? text_value(node, f).c_str()
+                                           : paint(Paint::dim, "not run").c_str());
     }
 }
 
-void print_records_json(const std::vector<const diag_data_node *> &records, uint32_t mode) {
-    say("{\n  \"mode\": %u,\n  \"records\": [%s\n", mode, records.empty() ? "]" : "");
+void print_records_json(const std::vector<const diag_data_node *> &records, uint32_t mode,
+                        const std::vector<std::string> &steps) {
+    std::string ran;
+    for (const std::string &step : steps) ran += (ran.empty() ? "" : ", ") + json_string(step);
+    say("{\n  \"schema\": %s,\n  \"mode\": %u,\n  \"steps\": [%s],\n  \"records\": [%s\n",
+        json_string(RECORDS_SCHEMA).c_str(), mode, ran.c_str(), records.empty() ? "]" : "");
     for (size_t i = 0; i < records.size(); ++i)
         if (const RecordType *type = find_type(records[i]->type))
-            print_record_json(records[i], *type, i + 1 == records.size());
+            print_record_json(records[i], *type, steps, i + 1 == records.size());
     say("%s}\n", records.empty() ? "" : "  ]\n");
 }
 
