@@ -130,7 +130,9 @@ typedef struct zq_diag_step {
  * the same thread. The library writes `state`, `worker` and `file_name`;
  * the caller only reads them (each is written whole, so a plain read sees
  * an old or a new value, never a mix). Do not change a request field while
- * `worker` is non-zero.
+ * `worker` is non-zero. An upload worker writes its end state first, then
+ * cleans up and writes `file_name`, and clears `worker` last: read
+ * `file_name` once `worker` reads 0.
  *
  * `url` is "ftp://[USER:PASSWORD@]HOST[:PORT]/PATH" or
  * "tftp://HOST[:PORT]", NUL-terminated within its 64 bytes; user and
@@ -560,8 +562,11 @@ ZQ_EXPORT diag_data_node *zq_search_diag_record(uint32_t type);
  *     10 ports, PON and WAN);
  *   action 0, kind 1: start a repair of what the last diagnosis of this
  *     process found (mode is ignored);
- *   action 1: pack the diagnosis evidence into /tmp/diag_file/diag_log.tar
- *     and upload it to `url` by `protocol` through the WAN of `wan_mask`.
+ *   action 1: upload /tmp/diag_file/diag_log.tar to `url` by `protocol`
+ *     through the WAN of `wan_mask`. Pack it first with
+ *     zq_packet_diag_file: the worker chooses the file to send before it
+ *     packs anew, so without an archive it sends the file of the last
+ *     upload (`file_name`) again, or fails when there is none.
  *
  * Returns 0 when a worker was started, and also when a worker of this
  * block is still busy (nothing started, the line "diagnose execution is
@@ -573,7 +578,8 @@ ZQ_EXPORT diag_data_node *zq_search_diag_record(uint32_t type);
  * State: action 0 sets `state` EXEC_RUNNING; the worker ends with
  * EXEC_DONE, or EXEC_IDLE when its path could not start. Action 1 sets
  * EXEC_UPLOADING; the worker ends with EXEC_UPLOADED or EXEC_UPLOAD_FAIL
- * and writes `file_name`. `worker` is non-zero until the worker ends.
+ * and then writes `file_name`. `worker` is non-zero until the worker
+ * ends, and is cleared after every other field.
  * Permit: the worker's first path step takes it and its "end" step gives
  * it back; an upload does not touch it.
  */
@@ -649,7 +655,9 @@ ZQ_EXPORT int is_zq_fix_available(void);
  * /tmp/diag_file/diag_log.tar, replacing an older one. Blocks for the
  * commands. Returns 0 when the archive was written, -1 when there was
  * nothing to pack, the file list did not fit or tar failed (no archive is
- * left then). The diagnosis upload calls it itself.
+ * left then). Call it before asking for the diagnosis upload (action 1 of
+ * diagnose_set), whose worker packs again only after it has chosen the
+ * file to send.
  */
 ZQ_EXPORT int zq_packet_diag_file(void);
 
@@ -657,7 +665,8 @@ ZQ_EXPORT int zq_packet_diag_file(void);
  * zq_clear_diag_file - remove what the package gathered (serial log, OMCI
  * log, listings, the archive and /tmp/diag_file/capture.pcap); the logs
  * stay. Returns -1 when /tmp/diag_file/capture.pcap did not exist, else
- * the shell status of its removal. The diagnosis upload calls it itself.
+ * the shell status of its removal. The diagnosis upload worker calls it
+ * after the transfer.
  */
 ZQ_EXPORT int zq_clear_diag_file(void);
 
