@@ -54,3 +54,14 @@ install(CODE "
   file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\"
     TYPE FILE FILES \"${PROJECT_BINARY_DIR}/pkgconfig/zqdiag.pc\")
 " COMPONENT Development)
+
+# The manual pages: libzqdiag(3) with the development files, zqdiag(1) with
+# the command.
+install(FILES ${PROJECT_SOURCE_DIR}/man/libzqdiag.3
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+  COMPONENT Development)
+if(TARGET zqdiag_cli)
+  install(FILES ${PROJECT_SOURCE_DIR}/man/zqdiag.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+    COMPONENT Runtime)
+endif()

@@ -35,6 +35,7 @@ for f in "$prefix/include/zq_diag.h" "$libdir/libzqdiag.so" "$libdir/libzqdiag.s
     "$libdir/cmake/zqdiag/zqdiagTargets.cmake"; do
     [ -e "$f" ] || { echo "not installed: $f"; exit 1; }
 done
+[ -e "$prefix/share/man/man3/libzqdiag.3" ] || { echo "not installed: libzqdiag(3)"; exit 1; }
 [ "$(readlink "$libdir/libzqdiag.so")" = libzqdiag.so.1 ] || { echo "libzqdiag.so does not point at libzqdiag.so.1"; exit 1; }
 
 step "pkg-config"
@@ -64,6 +65,7 @@ run_target "$WORK_DIR/consumer_build/consumer"
 # The installed command, if any, finds the installed library on its own.
 if [ -e "$prefix/bin/zqdiag" ]; then
     step "installed zqdiag command"
+    [ -e "$prefix/share/man/man1/zqdiag.1" ] || { echo "not installed: zqdiag(1)"; exit 1; }
     # shellcheck disable=SC2086
     $EMULATOR "$prefix/bin/zqdiag" --help >"$WORK_DIR/zqdiag_help.txt" ||
         { echo "the installed zqdiag --help failed"; exit 1; }
