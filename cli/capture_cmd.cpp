@@ -169,10 +169,10 @@ long captured_bytes() {
 // time it changes.
 void show_count(long bytes, long &shown) {
     if (console().out_is_tty) {
-        say("\r  captured %ld bytes ", bytes);
+        progress("\r  captured %ld bytes ", bytes);
         console_flush();
     } else if (bytes != shown) {
-        say("  captured %ld bytes\n", bytes);
+        progress("  captured %ld bytes\n", bytes);
     }
     shown = bytes;
 }
@@ -212,7 +212,7 @@ void wait_for_rotate_end(const CaptureRecord &record) {
 
 // Follows a running capture until it ends by itself or the user stops it.
 int follow(const CaptureRecord &record, long &shown) {
-    if (!console().out_is_tty) say("capturing; stop with Ctrl-C or 'zqdiag capture stop'\n");
+    if (!console().out_is_tty) progress("capturing; stop with Ctrl-C or 'zqdiag capture stop'\n");
     while (!g_interrupted) {
         show_count(captured_bytes(), shown);
         if (capture_abnormal_get() != 0) {

@@ -215,7 +215,7 @@ int run_upload_package(const Command &self, const ParsedArgs &args) {
     }
     struct stat st {};
     if (stat(PACKAGE_PATH, &st) == 0)
-        say("  packed %s (%lld bytes)\n", PACKAGE_PATH, static_cast<long long>(st.st_size));
+        progress("  packed %s (%lld bytes)\n", PACKAGE_PATH, static_cast<long long>(st.st_size));
     return run_upload({"the diagnosis package", &g_diag_exec, 1, diagnose_set}, request);
 }
 

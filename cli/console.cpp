@@ -121,6 +121,13 @@ void say(const char *format, ...) {
     va_end(ap);
 }
 
+void progress(const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    vfprintf(console().err, format, ap);
+    va_end(ap);
+}
+
 void warn(const char *format, ...) {
     FILE *err = console().err;
     fputs("zqdiag: ", err);

@@ -41,6 +41,9 @@ std::string printable(std::string_view text);
 
 [[gnu::format(printf, 1, 2)]] void say(const char *format, ...);  // to out
 [[gnu::format(printf, 1, 2)]] void warn(const char *format, ...); // "zqdiag: " + text to err
+// Progress of a long command (what it is doing, the states it passes
+// through): to err, so that out carries only the command's answer.
+[[gnu::format(printf, 1, 2)]] void progress(const char *format, ...);
 
 // Writes everything still buffered; used before the process ends.
 void console_flush();

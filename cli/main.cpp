@@ -6,6 +6,7 @@
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "commands.hpp"
 #include "console.hpp"
@@ -148,6 +149,44 @@ int run_help(std::span<const std::string> topics) {
     return EXIT_OK;
 }
 
+// The tool's own options are taken after the command too ("zqdiag upload
+// --verbose ..."), as a newcomer types them: they are moved in front of the
+// command, which defines none of them. A "--" ends the options.
+std::vector<char *> globals_first(int argc, char **argv) {
+    std::vector<char *> before, moved, after; // before the command (it included), moved, the rest
+    bool after_command = false, ended = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        const bool takes_value = arg == "--color";
+        const bool global = arg == "-v" || arg == "--verbose" || takes_value || arg.starts_with("--color=");
+        if (!after_command) {
+            before.push_back(argv[i]);
+            if (takes_value && i + 1 < argc)
+                before.push_back(argv[++i]);
+            else
+                after_command = !arg.starts_with("-");
+            continue;
+        }
+        ended = ended || arg == "--";
+        if (ended || !global) {
+            after.push_back(argv[i]);
+            continue;
+        }
+        moved.push_back(argv[i]);
+        if (takes_value && i + 1 < argc) moved.push_back(argv[++i]);
+    }
+    std::vector<char *> args;
+    args.reserve(static_cast<size_t>(argc) + 1);
+    args.push_back(argc > 0 ? argv[0] : nullptr);
+    // The moved options go just before the command, the last of `before`.
+    const size_t command = after_command ? before.size() - 1 : before.size();
+    args.insert(args.end(), before.begin(), before.begin() + static_cast<std::ptrdiff_t>(command));
+    args.insert(args.end(), moved.begin(), moved.end());
+    args.insert(args.end(), before.begin() + static_cast<std::ptrdiff_t>(command), before.end());
+    args.insert(args.end(), after.begin(), after.end());
+    return args;
+}
+
 int run_tool(int argc, char **argv) {
     ParsedArgs globals;
     std::string error;
@@ -181,7 +220,8 @@ int run_tool(int argc, char **argv) {
 
 int main(int argc, char **argv) {
     install_signal_handlers();
-    const int status = run_tool(argc, argv);
+    std::vector<char *> args = globals_first(argc, argv);
+    const int status = run_tool(static_cast<int>(args.size()), args.data());
     // A run given up on a timeout may leave the library's worker thread
     // behind; end the process without running exit handlers under it.
     console_flush();

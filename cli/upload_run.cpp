@@ -201,7 +201,7 @@ void print_upload_title(const char *what, const UploadRequest &request) {
     const std::string title = std::string("Upload of ") + what + " to " + hide_password(request.url) + " (" +
                               (request.protocol == UPLOAD_PROTOCOL_TFTP ? "TFTP" : "FTP") + ", " + route +
                               ")";
-    say("%s\n", paint(Paint::bold, title).c_str());
+    progress("%s\n", paint(Paint::bold, title).c_str());
 }
 
 std::string hide_password(const std::string &url) {
@@ -234,13 +234,13 @@ int run_upload(const UploadTarget &target, const UploadRequest &request) {
         return EXIT_UNAVAILABLE;
     }
     uint32_t shown = block_state(block);
-    say("  state: %s\n", state_name(shown));
+    progress("  state: %s\n", state_name(shown));
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(request.timeout_s);
     while (worker_running(block) && !g_interrupted && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(POLL);
         if (block_state(block) != shown) {
             shown = block_state(block);
-            say("  state: %s\n", state_name(shown));
+            progress("  state: %s\n", state_name(shown));
         }
     }
     if (worker_running(block)) {
@@ -249,10 +249,10 @@ int run_upload(const UploadTarget &target, const UploadRequest &request) {
                                  : "the upload did not end in time");
         return g_interrupted ? EXIT_INTERRUPTED : EXIT_TIMEOUT;
     }
-    if (block_state(block) != shown) say("  state: %s\n", state_name(block_state(block)));
+    if (block_state(block) != shown) progress("  state: %s\n", state_name(block_state(block)));
     const std::string text = log.finish();
     for (const FailureRule &note : NOTE_RULES)
-        if (text.find(note.log_text) != std::string::npos) say("  note: %s\n", note.reason);
+        if (text.find(note.log_text) != std::string::npos) progress("  note: %s\n", note.reason);
 
     const std::string name(block.file_name, strnlen(block.file_name, sizeof(block.file_name)));
     if (block_state(block) == EXEC_UPLOADED) {
