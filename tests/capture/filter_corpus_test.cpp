@@ -226,6 +226,7 @@ TEST(FilterCorpus, ShellSyntaxInAFilterIsTcpdumpsText) {
     }
     expect_whole("'$(" + touch + ")'", "$(" + touch + ")");
     EXPECT_NE(access(mark.c_str(), F_OK), 0);
+    std::remove(mark.c_str());
     rmdir(dir_template);
 }
 
