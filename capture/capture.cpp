@@ -73,35 +73,43 @@ bool catch_count_valid(const tcpdump_req &req, uint64_t allowance) {
     return req.catch_count != 0 && req.catch_count <= limit;
 }
 
-// The command line of the request; false when it does not fit. A cut line
-// could lose its -w or its closing '&' (and then run in the foreground), so
-// it is refused rather than run cut.
-bool build_tcpdump_command(const tcpdump_req &req, char (&cmd)[128]) {
-    const std::string_view interface = zq::view(req.interface);
-    const std::string_view filter = zq::view(req.filter);
-    const auto count = static_cast<unsigned long long>(req.catch_count);
-    int n = 0;
-    if (req.mode == CAPTURE_MODE_SINGLE)
-        n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s %.*s -c %llu -w %s &", static_cast<int>(interface.size()),
-                      interface.data(), static_cast<int>(filter.size()), filter.data(), count,
-                      ZQ_CAPTURE_PCAP);
-    else
-        n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s -C %llu -W 2 -w %s %.*s&", static_cast<int>(interface.size()),
-                      interface.data(), count, ZQ_CAPTURE_PCAP, static_cast<int>(filter.size()),
-                      filter.data());
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
-        ZQ_LOG("tcpdump command is too long");
-        return false;
-    }
-    return true;
-}
-
 // Sleeps `seconds` in full, resuming after interruptions.
 void sleep_fully(unsigned seconds) {
     while (seconds > 0) seconds = sleep(seconds);
 }
 
 } // namespace
+
+bool build_tcpdump_command(const tcpdump_req &req, char (&cmd)[ZQ_TCPDUMP_COMMAND_SIZE]) {
+    cmd[0] = '\0';
+    const std::string_view filter = zq::view(req.filter);
+    if (const char *why = capture_filter_refusal(filter)) {
+        ZQ_LOG("invalid capture filter: %s", why);
+        return false;
+    }
+    // A word longer than the whole line cannot fit in it either.
+    char word[ZQ_TCPDUMP_COMMAND_SIZE] = {};
+    const std::string_view interface = zq::view(req.interface);
+    const auto count = static_cast<unsigned long long>(req.catch_count);
+    int n = -1;
+    if (quote_capture_filter(filter, word, sizeof(word))) {
+        if (req.mode == CAPTURE_MODE_SINGLE)
+            n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s %s -c %llu -w %s &", static_cast<int>(interface.size()),
+                          interface.data(), word, count, ZQ_CAPTURE_PCAP);
+        else
+            n = ZQ_FORMAT(cmd, "tcpdump -v -i %.*s -C %llu -W 2 -w %s %s&",
+                          static_cast<int>(interface.size()), interface.data(), count, ZQ_CAPTURE_PCAP, word);
+    }
+    // The line is refused rather than cut: a cut line could end inside the
+    // quoted filter or lose its -w or its closing '&', and tcpdump would
+    // then run in the foreground or write its packets to the terminal.
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(cmd)) {
+        cmd[0] = '\0';
+        ZQ_LOG("tcpdump command is too long");
+        return false;
+    }
+    return true;
+}
 
 uint64_t get_max_size_of_tcpdump_file() {
     FILE *file = fopen(ZQ_CAPTURE_ALLOWANCE, "r");
@@ -170,13 +178,10 @@ int zq_get_tcpdump_file(tcpdump_req req) {
         ZQ_LOG("empty interface");
         return -1;
     }
-    // Both texts go into the command line as they stand.
+    // The name goes into the command line as it stands; the filter goes in
+    // quoted (build_tcpdump_command).
     if (!zq::is_interface_name(interface)) {
         ZQ_LOG("invalid interface name");
-        return -1;
-    }
-    if (!is_capture_filter(zq::view(req.filter))) {
-        ZQ_LOG("invalid capture filter");
         return -1;
     }
     if (req.mode != CAPTURE_MODE_SINGLE && req.mode != CAPTURE_MODE_ROTATE) {
@@ -187,7 +192,7 @@ int zq_get_tcpdump_file(tcpdump_req req) {
         ZQ_LOG("catch_count is invalid [cout %d]", static_cast<int>(req.catch_count));
         return -1;
     }
-    char cmd[128] = {};
+    char cmd[ZQ_TCPDUMP_COMMAND_SIZE] = {};
     if (!build_tcpdump_command(req, cmd)) return -1;
     if (zq::file_exists(ZQ_CAPTURE_PCAP)) zq_system("rm /tmp/capture_file/*");
     usleep(START_SETTLE_US);

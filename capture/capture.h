@@ -5,6 +5,7 @@
 // zq_diag.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -47,9 +48,29 @@ int grep_tcpdump_parse(const char *text);
 int zq_diag_capture(const void *record);
 
 // ---- Checks of outside text ------------------------------------------------
-// A caller's tcpdump expression: nothing the shell would act on and no
-// word that tcpdump would take for an option. See filter_check.cpp.
-bool is_capture_filter(std::string_view filter);
+// A caller's tcpdump expression goes into the command line as one
+// single-quoted shell word (an embedded quote written as '\''), so every
+// expression reaches tcpdump whole and the shell acts on none of it. See
+// filter_check.cpp.
+//
+// The expression a filter stands for: a filter wrapped whole in single
+// quotes (the first and last character are quotes, no other quote between
+// them) without its quotes, any other filter as it stands.
+std::string_view unwrap_capture_filter(std::string_view filter);
+// Why no tcpdump expression can be `filter` (a control character, or an
+// expression that begins with '-' after its blanks, which tcpdump would
+// read as an option); nullptr when it may go to tcpdump.
+const char *capture_filter_refusal(std::string_view filter);
+// Writes the expression of `filter` into `out` as one shell word, or
+// nothing at all for an empty expression. False when the filter is refused
+// (see above) or the word and its terminator do not fit in `size` bytes;
+// `out` is then empty. No allocation; `out` is written within `size`.
+bool quote_capture_filter(std::string_view filter, char *out, size_t size);
+// The command line that starts tcpdump for `req` (its interface already
+// checked). False, with a log line, when the filter is refused or the
+// line does not fit in `cmd`.
+constexpr size_t ZQ_TCPDUMP_COMMAND_SIZE = 128;
+bool build_tcpdump_command(const tcpdump_req &req, char (&cmd)[ZQ_TCPDUMP_COMMAND_SIZE]);
 // One of the library's own decode filters (options and expression).
 bool is_decode_filter(std::string_view filter);
 

@@ -1,9 +1,10 @@
 // The checks of text that goes into tcpdump's and grep's command lines,
-// and the interface index read from a decoded line. An accepted filter must
-// hold nothing the shell acts on and no word that tcpdump would take for
-// an option; an accepted interface name only name characters; the index
-// reader must stay inside its line and its 16-byte words, and the decode
-// filter of any index it gives must pass the decode-filter check.
+// and the interface index read from a decoded line. An accepted interface
+// name holds only name characters; an accepted decode filter nothing the
+// shell acts on; a caller's capture filter is refused exactly when no
+// expression can be it (filter_quote.cpp checks how it is quoted); the
+// index reader must stay inside its line and its 16-byte words, and the
+// decode filter of any index it gives must pass the decode-filter check.
 //
 // Input: [selector][text...]
 #include <cstdint>
@@ -22,25 +23,21 @@ bool has_any(std::string_view text, std::string_view chars) {
     return text.find_first_of(chars) != std::string_view::npos;
 }
 
-void check_filter(std::string_view text) {
-    if (!is_capture_filter(text)) return;
-    FUZZ_CHECK(!has_any(text, ";|&$`\\\"\n\r"));
-    bool word_start = true, quoted = false;
-    for (char c : text) {
-        FUZZ_CHECK(static_cast<unsigned char>(c) >= 0x20 && c != 0x7f);
-        if (c == '\'') {
-            quoted = !quoted;
-            continue;
-        }
-        if (!quoted) FUZZ_CHECK(!has_any(std::string_view(&c, 1), "()<>[]*?~#{}"));
-        if (c == ' ') {
-            word_start = true;
-            continue;
-        }
-        FUZZ_CHECK(!(word_start && c == '-'));
-        word_start = false;
-    }
-    FUZZ_CHECK(!quoted);
+// The refusal of a caller's filter against a plain model: refused exactly
+// when its expression (the text without quotes that wrap it whole) holds a
+// control character or begins with '-' after its blanks.
+void check_filter_refusal(std::string_view text) {
+    std::string_view expression = text;
+    if (text.size() >= 2 && text.front() == '\'' && text.back() == '\'' &&
+        text.substr(1, text.size() - 2).find('\'') == std::string_view::npos)
+        expression = text.substr(1, text.size() - 2);
+    FUZZ_CHECK(unwrap_capture_filter(text) == expression);
+    bool control = false;
+    for (char c : expression)
+        control = control || (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f;
+    const size_t first = expression.find_first_not_of(" \t");
+    const bool option = first != std::string_view::npos && expression[first] == '-';
+    FUZZ_CHECK((capture_filter_refusal(text) != nullptr) == (control || option));
 }
 
 void check_interface(std::string_view text) {
@@ -64,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string text = in.rest();
     switch (selector % 4) {
     case 0:
-        check_filter(text);
+        check_filter_refusal(text);
         break;
     case 1:
         check_interface(text);

@@ -366,6 +366,8 @@ typedef struct tcpdump_req {
     uint64_t catch_count;
     uint64_t catch_time;
     char interface[32];
+    /* A pcap-filter expression, as typed or wrapped whole in single
+       quotes; it reaches tcpdump as one argument. Empty: no filter. */
     char filter[256];
 } tcpdump_req;
 

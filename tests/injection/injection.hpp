@@ -11,7 +11,9 @@
 //             field lists the lines that count);
 //   kept      the text never reached a command: it stayed data of the
 //             field (a name shown in a finding, a value in a record), or,
-//             in a C string, ended at its NUL byte.
+//             in a C string, ended at its NUL byte; or it reached one only
+//             as a single quoted argument, byte for byte (a capture
+//             filter, which tcpdump gets as its expression).
 // Each field's test prints one summary line, "injection: FIELD: ...";
 // scripts/injection adds them up.
 #pragma once

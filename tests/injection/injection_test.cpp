@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "capture/capture.h"
 #include "engine/engine.h"
@@ -192,11 +194,68 @@ TEST_F(Injection, TcpdumpRequestInterface) {
     });
 }
 
+// A stand-in for tcpdump, first in PATH for this test's process and the
+// shells it starts: it writes the arguments it got, NUL-separated (to a
+// scratch name first, so a reader never sees half of them), and stays until
+// it is stopped, as a capture does. Its process name is tcpdump, so the
+// library sees its capture start.
+constexpr const char *RECORDER_DIR = "/tmp/zq-tcpdump-recorder";
+constexpr const char *RECORDED_ARGV = "/tmp/zq-tcpdump-argv";
+constexpr const char *RECORDER = "#!/bin/sh\n"
+                                 "printf '%s\\0' \"$@\" >/tmp/zq-tcpdump-argv.new\n"
+                                 "mv /tmp/zq-tcpdump-argv.new /tmp/zq-tcpdump-argv\n"
+                                 "trap 'kill $! 2>/dev/null; exit 0' TERM\n"
+                                 "sleep 60 &\n"
+                                 "wait\n";
+
+void put_recorder_first_in_path() {
+    const std::string path = std::string(RECORDER_DIR) + "/tcpdump";
+    zqlab::write_file(path, RECORDER);
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    const char *old = getenv("PATH");
+    ASSERT_EQ(setenv("PATH", (std::string(RECORDER_DIR) + ":" + (old ? old : "/bin")).c_str(), 1), 0);
+}
+
+std::vector<std::string> recorded_argv() {
+    for (int i = 0; i < 500 && !zqlab::file_exists(RECORDED_ARGV); ++i) usleep(10000);
+    const std::string text = zqlab::read_file(RECORDED_ARGV);
+    std::vector<std::string> argv;
+    for (size_t at = 0, end; (end = text.find('\0', at)) != std::string::npos; at = end + 1)
+        argv.push_back(text.substr(at, end - at));
+    return argv;
+}
+
+// The expression a filter field stands for: its C string, without single
+// quotes that wrap it whole (one at each end, none between).
+std::string expression_of(const tcpdump_req &req) {
+    const std::string text = text_of(req.filter);
+    if (text.size() >= 2 && text.front() == '\'' && text.back() == '\'' &&
+        text.find('\'', 1) == text.size() - 1)
+        return text.substr(1, text.size() - 2);
+    return text;
+}
+
+// A filter is not refused for its characters: it goes to tcpdump as its
+// expression, one quoted word. A payload is refused when no expression can
+// be it (a control character, a leading '-') or when the command line
+// cannot hold it; every other one is kept as data: tcpdump gets it as one
+// argument, byte for byte, and nothing else runs.
 TEST_F(Injection, TcpdumpRequestFilter) {
-    run_field({"tcpdump_req.filter", {"invalid capture filter", "tcpdump command is too long"}, true, true},
+    put_recorder_first_in_path();
+    run_field({"tcpdump_req.filter", {"invalid capture filter", "tcpdump command is too long"}, false, true},
               [](const payload &p) {
+                  std::remove(RECORDED_ARGV);
+                  const tcpdump_req req = request("lo", p.text);
                   observation seen;
-                  seen.log = log_of([&] { zq_get_tcpdump_file(request("lo", p.text)); });
+                  int rc = -1;
+                  seen.log = log_of([&] { rc = zq_get_tcpdump_file(req); });
+                  if (rc == 0) {
+                      std::vector<std::string> expected = {"-v", "-i", "lo"};
+                      if (!expression_of(req).empty()) expected.push_back(expression_of(req));
+                      expected.insert(expected.end(), {"-c", "10", "-w", ZQ_CAPTURE_PCAP});
+                      EXPECT_EQ(recorded_argv(), expected) << p.family;
+                      seen.kept = true;
+                  }
                   stop_any_capture();
                   return seen;
               });
