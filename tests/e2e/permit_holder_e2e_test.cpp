@@ -6,11 +6,14 @@
 // permit, and that tcpdump, alone.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <dirent.h>
 #include <functional>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -21,7 +24,6 @@
 namespace {
 
 constexpr const char *FTP_DIR = "/run/zqlab/isp/ftp/upload/";
-constexpr const char *FAKE_TCPDUMP = "/tmp/other/tcpdump";
 
 bool wait_until(const std::function<bool()> &done, int seconds = 60) {
     for (int i = 0; i < seconds * 50; ++i) {
@@ -50,14 +52,29 @@ void permit_passes_to_another_process() {
     ASSERT_EQ(is_diag_permit_holding(), 1);
 }
 
-// A process named tcpdump that is not this library's capture; `immune`
-// makes it outlive the default signal of "pgrep tcpdump | xargs kill".
+// A process named tcpdump that is not this library's capture: a child of
+// this test that only waits (a shell loop would show a second "tcpdump"
+// for a moment each time it forks). `immune` makes it outlive the default
+// signal of "pgrep tcpdump | xargs kill".
+pid_t other_tcpdump = 0;
+
 void start_other_tcpdump(bool immune) {
-    zqlab::run("mkdir -p /tmp/other");
-    zqlab::write_file(FAKE_TCPDUMP, std::string("#!/bin/sh\n") + (immune ? "trap '' TERM\n" : "") +
-                                        "while :; do sleep 1; done\n");
-    zqlab::run(std::string("chmod +x ") + FAKE_TCPDUMP + "; " + FAKE_TCPDUMP + " >/dev/null 2>&1 &");
-    ASSERT_TRUE(wait_until([] { return zqlab::pids("tcpdump").size() >= 1; }));
+    const pid_t child = fork();
+    if (child == 0) {
+        // The library's threads may be reading pipes at this moment: the
+        // write ends this fork copied must not hold their end of file back.
+        if (close_range(3, ~0U, 0) != 0)
+            for (int fd = 3; fd < 1024; ++fd) close(fd);
+        prctl(PR_SET_NAME, "tcpdump");
+        if (immune) signal(SIGTERM, SIG_IGN);
+        for (;;) pause();
+    }
+    ASSERT_GT(child, 0);
+    other_tcpdump = child;
+    ASSERT_TRUE(wait_until([child] {
+        const std::vector<int> named = zqlab::pids("tcpdump");
+        return std::find(named.begin(), named.end(), child) != named.end();
+    }));
 }
 
 std::vector<int> tcpdumps() { return zqlab::pids("tcpdump"); }
@@ -85,9 +102,20 @@ void fill_single_capture() {
     ASSERT_TRUE(wait_until([] { return tcpdumps().empty(); })) << "tcpdump did not end after its count";
 }
 
+// Rotate mode has ended: its threads (the watcher, the uploader and the
+// end, all in this process) are gone; the end stops, releases, removes the
+// files and the route before its thread ends. (Neither the journal's last
+// route command nor the capture directory tells: an upload that outlasts the
+// end's wait adds its route after the end's removal, and the watcher may
+// have ended on its own before the note was written.)
 bool rotate_chain_ended() {
-    const auto routes = zqlab::journal("diagM");
-    return !routes.empty() && routes.back() == "diagM wan_route del 203.0.113.21 0";
+    DIR *tasks = opendir("/proc/self/task");
+    if (!tasks) return false;
+    int threads = 0;
+    while (const dirent *entry = readdir(tasks))
+        if (entry->d_name[0] != '.') ++threads;
+    closedir(tasks);
+    return threads == 1;
 }
 
 // A closed file without ".pcap" in the capture directory ends the watcher.
@@ -95,7 +123,12 @@ void end_rotate_watcher() { zqlab::write_file("/tmp/capture_file/note", "x"); }
 
 class PermitHolder : public ::testing::Test {
   protected:
-    void TearDown() override { zqlab::run("pkill -KILL -f /tmp/other/tcpdump 2>/dev/null; true"); }
+    void TearDown() override {
+        if (other_tcpdump <= 0) return;
+        kill(other_tcpdump, SIGKILL);
+        waitpid(other_tcpdump, nullptr, 0);
+        other_tcpdump = 0;
+    }
 };
 
 // The watchdog only records the dead capture: it neither packs its file nor
