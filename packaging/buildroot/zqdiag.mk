@@ -6,10 +6,11 @@
 
 ZQDIAG_VERSION = 1.0.0
 # A local zqdiag tree (the project publishes no release archive): by default
-# the checkout this file sits in (packaging/buildroot/ is two levels below
-# its top). Another tree: ZQDIAG_SITE on the command line, or
+# the checkout this file sits in, two levels above packaging/buildroot/
+# (package/zqdiag may be a link to it); a copy of this file has no default
+# and names the tree with ZQDIAG_SITE on the command line, or with
 # ZQDIAG_OVERRIDE_SRCDIR in local.mk.
-ZQDIAG_SITE ?= $(realpath $(ZQDIAG_PKGDIR)/../..)
+ZQDIAG_SITE ?= $(patsubst %/include/zq_diag.h,%,$(realpath $(ZQDIAG_PKGDIR)/../../include/zq_diag.h))
 ZQDIAG_SITE_METHOD = local
 # The copy leaves out the tree's own build directories and the lab's cache.
 ZQDIAG_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = \

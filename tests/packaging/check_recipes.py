@@ -25,6 +25,13 @@ hook removes ZQDIAG_CLI_TARGET_FILES when the command is not selected. The
 staging area must hold the development files, the target the library, and
 the target without the command none of the command's files.
 
+Both are also run: with stand-ins for OpenWrt's and Buildroot's own files
+(stubs/), GNU make runs the OpenWrt install sections with OpenWrt's copy
+commands, and the Buildroot target install with the recipe's hook, with and
+without the command; the trees they leave must hold the same files. The run
+also finds the recipes' make syntax and the Buildroot recipe's default
+source tree (the checkout it sits in).
+
 Exits 0 when everything matches, 1 with the differences otherwise, and 77
 (skipped) when the build installs its libraries elsewhere than the recipes
 ask for (a Debian configure with the prefix /usr, for instance).
@@ -89,8 +96,9 @@ def tree_files(root):
     return out
 
 
-def install(cmake, build, destdir, component=None):
-    shutil.rmtree(destdir, ignore_errors=True)
+def install(cmake, build, destdir, component=None, clean=True):
+    if clean:
+        shutil.rmtree(destdir, ignore_errors=True)
     cmd = [cmake, "--install", build, "--prefix", "/usr"]
     if component:
         cmd += ["--component", component]
@@ -154,6 +162,9 @@ def make_parse(text):
             conds.append(s)
             continue
         if s == "endif":
+            if not conds:
+                fail("an endif without its if")
+                continue
             conds.pop()
             continue
         if s.startswith("else"):
@@ -189,7 +200,7 @@ def check_options(recipe, opts):
 COPY_COMMANDS = ("$(CP)", "$(INSTALL_BIN)", "$(INSTALL_DATA)", "$(INSTALL_CONF)")
 
 
-def openwrt_section(name, body, all_root, installed):
+def openwrt_section(name, body, root, installed):
     """The files an install section puts into its package root: each source
     pattern under $(PKG_INSTALL_DIR) globbed in the install tree."""
     dirs, files = set(), set()
@@ -226,7 +237,7 @@ def openwrt_section(name, body, all_root, installed):
                 continue
             pattern = src[len("$(PKG_INSTALL_DIR)/"):]
             matched = sorted(
-                os.path.relpath(p, all_root) for p in glob.glob(os.path.join(all_root, pattern))
+                os.path.relpath(p, root) for p in glob.glob(os.path.join(root, pattern))
             )
             matched = [p for p in matched if p in installed]
             if not matched:
@@ -239,7 +250,7 @@ def openwrt_section(name, body, all_root, installed):
     return files
 
 
-def check_openwrt(src, all_root, installed, ref, project_version, soversion):
+def check_openwrt(src, root, installed, ref, project_version, soversion):
     path = os.path.join(src, "packaging/openwrt/Makefile")
     text = open(path, encoding="utf-8").read()
     variables, defines = make_parse(text)
@@ -274,7 +285,7 @@ def check_openwrt(src, all_root, installed, ref, project_version, soversion):
         if section not in defines:
             fail(f"openwrt: no {section} section")
             continue
-        got[section] = openwrt_section(section, defines[section], all_root, installed)
+        got[section] = openwrt_section(section, defines[section], root, installed)
         show(f"openwrt {section}", got[section])
         compare(f"openwrt {section}", got[section], expected)
     if got.get("Package/libzqdiag/install", set()) & got.get("Package/zqdiag/install", set()):
@@ -356,6 +367,75 @@ def check_buildroot(src, installed, ref, project_version):
         fail("buildroot: without the command the target loses library files")
 
 
+# ---------------------------------------------------------------------------
+# The recipes' own commands, run by GNU make with stand-ins for the build
+# systems' files (stubs/): the copies each section makes and the hook.
+# ---------------------------------------------------------------------------
+STUBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "stubs")
+
+
+def make(args):
+    r = subprocess.run(["make", "--no-print-directory", "-s"] + args,
+                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    if r.returncode != 0:
+        fail("make " + " ".join(args) + " failed:\n" + r.stdout)
+    return r.stdout
+
+
+def run_openwrt(src, root, work, ref):
+    print("== OpenWrt: the install sections run")
+    out = os.path.join(work, "openwrt")
+    make(["-f", os.path.join(STUBS, "openwrt.mk"),
+          "RECIPE=" + os.path.join(src, "packaging/openwrt/Makefile"),
+          "PKG_INSTALL_DIR=" + root, "OUT=" + out])
+    want = {"libzqdiag": ref["library"], "zqdiag": ref["command"],
+            "dev": ref["development"] | ref["library"]}
+    for name, expected in want.items():
+        compare(f"openwrt {name} (run)", tree_files(os.path.join(out, name)), expected)
+    for name in ("libzqdiag", "dev"):
+        for f in ref["library"]:
+            if os.path.islink(os.path.join(root, f)) != os.path.islink(os.path.join(out, name, f)):
+                fail(f"openwrt {name} (run): /{f} is not copied as it was installed (link or file)")
+
+
+def run_buildroot(src, root, work, ref):
+    print("== Buildroot: the target install and its hook run")
+    recipe = os.path.abspath(os.path.join(src, "packaging/buildroot/zqdiag.mk"))
+    harness = ["-f", os.path.join(STUBS, "buildroot.mk"), "RECIPE=" + recipe, "INSTALLED=" + root]
+    site = make(harness + ["site"]).strip()
+    if site != os.path.realpath(src):
+        fail(f"buildroot: ZQDIAG_SITE is '{site}', not the checkout the recipe sits in ({src})")
+    # An external tree's package/zqdiag linked to packaging/buildroot finds
+    # the checkout too; a copy of the recipe has no default.
+    ext = os.path.join(work, "br2-external", "package")
+    os.makedirs(ext)
+    os.symlink(os.path.dirname(recipe), os.path.join(ext, "zqdiag-link"))
+    os.makedirs(os.path.join(ext, "zqdiag-copy"))
+    shutil.copy(recipe, os.path.join(ext, "zqdiag-copy"))
+    for name, want in (("zqdiag-link", os.path.realpath(src)), ("zqdiag-copy", "")):
+        other = harness[:2] + ["RECIPE=" + os.path.join(ext, name, "zqdiag.mk")] + harness[3:]
+        site = make(other + ["site"]).strip()
+        if site != want:
+            fail(f"buildroot: ZQDIAG_SITE from package/{name} is '{site}', not '{want}'")
+    for cli in ("y", ""):
+        target = os.path.join(work, "buildroot-target" + cli)
+        make(harness + ["TARGET_DIR=" + target, "BR2_PACKAGE_ZQDIAG_CLI=" + cli, "target"])
+        got = {f for f in tree_files(target) if not finalize_removes(f)}
+        runtime = ref["library"] | (ref["command"] if cli else set())
+        what = "with" if cli else "without"
+        show(f"buildroot target {what} BR2_PACKAGE_ZQDIAG_CLI (run)", got)
+        if not runtime <= got:
+            fail(f"buildroot target {what} the command (run) lacks "
+                 + ", ".join("/" + f for f in sorted(runtime - got)))
+        if not cli and got & ref["command"]:
+            fail("buildroot target without the command (run) holds "
+                 + ", ".join("/" + f for f in sorted(got & ref["command"])))
+        stray = got - ref["library"] - ref["command"] - ref["development"]
+        if stray:
+            fail(f"buildroot target {what} the command (run) holds files cmake does not install: "
+                 + ", ".join("/" + f for f in sorted(stray)))
+
+
 def main():
     if len(sys.argv) != 5:
         sys.exit(__doc__)
@@ -369,15 +449,19 @@ def main():
         project_version = re.search(r"project\(zqdiag VERSION (\S+)", f.read()).group(1)
 
     shutil.rmtree(work, ignore_errors=True)
-    all_root = os.path.join(work, "all")
-    everything = install(cmake, build, all_root)
+    everything = install(cmake, build, os.path.join(work, "all"))
     parts = {c: install(cmake, build, os.path.join(work, c), c) for c in COMPONENTS}
+    # What the recipes' builds install: everything but the Inspect component.
+    root = os.path.join(work, "firmware")
+    install(cmake, build, root, "Runtime")
+    install(cmake, build, root, "Development", clean=False)
     stray = everything - set().union(*parts.values())
     if stray:
         fail("files of an install component the recipes do not know: "
              + ", ".join("/" + f for f in sorted(stray)))
     # The recipes build without the ISP's host tool.
     installed = everything - parts["Inspect"]
+    compare("Runtime and Development installed together", tree_files(root), installed)
     show("cmake --install (less the Inspect component)", installed)
 
     runtime = parts["Runtime"] - parts["Inspect"]
@@ -391,8 +475,13 @@ def main():
         sys.exit(f"no single SONAME link among {sorted(ref['library'])}")
     soversion = sonames[0].rsplit(".", 1)[1]
 
-    check_openwrt(src, all_root, installed, ref, project_version, soversion)
+    check_openwrt(src, root, installed, ref, project_version, soversion)
     check_buildroot(src, installed, ref, project_version)
+    if shutil.which("make"):
+        run_openwrt(src, root, work, ref)
+        run_buildroot(src, root, work, ref)
+    else:
+        print("make missing: the recipes' commands were not run")
 
     shutil.rmtree(work, ignore_errors=True)
     if failures:
