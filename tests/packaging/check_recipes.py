@@ -27,10 +27,11 @@ the target without the command none of the command's files.
 
 Both are also run: with stand-ins for OpenWrt's and Buildroot's own files
 (stubs/), GNU make runs the OpenWrt install sections with OpenWrt's copy
-commands, and the Buildroot target install with the recipe's hook, with and
-without the command; the trees they leave must hold the same files. The run
-also finds the recipes' make syntax and the Buildroot recipe's default
-source tree (the checkout it sits in).
+commands and its Build/Prepare (whose copy must configure with the recipe's
+CMAKE_OPTIONS), and the Buildroot target install with the recipe's hook,
+with and without the command; the trees they leave must hold the same
+files. The run also finds the recipes' make syntax and the Buildroot
+recipe's default source tree (the checkout it sits in).
 
 Exits 0 when everything matches, 1 with the differences otherwise, and 77
 (skipped) when the build installs its libraries elsewhere than the recipes
@@ -398,6 +399,28 @@ def run_openwrt(src, root, work, ref):
                 fail(f"openwrt {name} (run): /{f} is not copied as it was installed (link or file)")
 
 
+def run_openwrt_prepare(src, work, cmake):
+    """Build/Prepare's copy of the tree configures with the recipe's options."""
+    print("== OpenWrt: Build/Prepare and a configure with CMAKE_OPTIONS")
+    harness = ["-f", os.path.join(STUBS, "openwrt.mk"),
+               "RECIPE=" + os.path.join(src, "packaging/openwrt/Makefile")]
+    tree = os.path.join(work, "openwrt-build-dir")
+    make(harness + ["PKG_BUILD_DIR=" + tree, "ZQDIAG_SOURCE_DIR=" + os.path.abspath(src), "prepare"])
+    for f in ("CMakeLists.txt", "include/zq_diag.h"):
+        if not os.path.exists(os.path.join(tree, f)):
+            fail(f"openwrt Build/Prepare: the copy lacks {f}")
+    for d in ("build", ".git"):
+        if os.path.exists(os.path.join(tree, d)):
+            fail(f"openwrt Build/Prepare: the copy holds {d}/")
+    options = make(harness + ["options"]).split()
+    r = subprocess.run([cmake, "-S", tree, "-B", os.path.join(tree, "openwrt-build")] + options,
+                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    if r.returncode != 0:
+        fail("openwrt: the copied tree does not configure with " + " ".join(options) + ":\n" + r.stdout[-3000:])
+    else:
+        print("configured with " + " ".join(options))
+
+
 def run_buildroot(src, root, work, ref):
     print("== Buildroot: the target install and its hook run")
     recipe = os.path.abspath(os.path.join(src, "packaging/buildroot/zqdiag.mk"))
@@ -479,6 +502,7 @@ def main():
     check_buildroot(src, installed, ref, project_version)
     if shutil.which("make"):
         run_openwrt(src, root, work, ref)
+        run_openwrt_prepare(src, work, cmake)
         run_buildroot(src, root, work, ref)
     else:
         print("make missing: the recipes' commands were not run")
