@@ -64,4 +64,8 @@ if(TARGET zqdiag_cli)
   install(FILES ${PROJECT_SOURCE_DIR}/man/zqdiag.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
     COMPONENT Runtime)
+  # The schema of 'zqdiag records --json', for the tools that read it.
+  install(FILES ${PROJECT_SOURCE_DIR}/cli/schema/zqdiag-records.schema.json
+    DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    COMPONENT Runtime)
 endif()

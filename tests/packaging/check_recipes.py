@@ -45,6 +45,9 @@ import subprocess
 import sys
 
 MAN = "usr/share/man/"
+# Documentation (the JSON schema of the command's output) stays off the
+# firmware too; Buildroot's finalize step removes it anyway.
+DOC = "usr/share/doc/"
 LIB = "usr/lib/"
 # The recipes' CMake options: each must be there, with this value.
 REQUIRED_OPTIONS = {
@@ -490,8 +493,8 @@ def main():
     runtime = parts["Runtime"] - parts["Inspect"]
     ref = {
         "library": {f for f in runtime if f.startswith(LIB)},
-        "command": {f for f in runtime if not f.startswith((LIB, MAN))},
-        "development": {f for f in parts["Development"] if not f.startswith(MAN)},
+        "command": {f for f in runtime if not f.startswith((LIB, MAN, DOC))},
+        "development": {f for f in parts["Development"] if not f.startswith((MAN, DOC))},
     }
     sonames = [f for f in ref["library"] if re.fullmatch(r"usr/lib/libzqdiag\.so\.\d+", f)]
     if len(sonames) != 1:
