@@ -304,6 +304,18 @@ TEST(CliUsage, HelpForTheToolAndEverySubcommandRunsNothing) {
     EXPECT_FALSE(permit_taken());
 }
 
+// The tool's own options work after the command as before it.
+TEST(CliUsage, ToolOptionsAfterTheCommand) {
+    const CliResult coloured = cli({"records", "--mode", "1", "--color", "always"});
+    EXPECT_EQ(coloured.status, 0) << coloured.err;
+    EXPECT_TRUE(contains(coloured.out, "\033[")) << coloured.out;
+    const CliResult verbose = cli({"upload", "-v", "--url", "ftp://u:p@203.0.113.21/x"});
+    EXPECT_NE(verbose.status, 2) << verbose.err;
+    EXPECT_TRUE(contains(verbose.err, "![")) << "the library's log lines: " << verbose.err;
+    // After "--" nothing is the tool's.
+    EXPECT_EQ(cli({"permit", "--", "--verbose"}).status, 2);
+}
+
 TEST(CliUsage, BadUsageExitsTwoAndRunsNothing) {
     const std::vector<std::vector<std::string>> bad = {
         {},
