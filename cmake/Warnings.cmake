@@ -8,9 +8,11 @@ if(ZQ_WERROR)
   list(APPEND ZQ_WARNINGS -Werror)
 endif()
 
-# Tests inline a lot of the standard library, GoogleTest and the JSON parser.
+# Tests and the host tools (zqdiag-inspect) inline a lot of the standard
+# library, GoogleTest and the JSON parser.
 # GCC 12's middle-end warnings (-Wnull-dereference, -Wrestrict) fire inside
 # that inlined third-party code at -O3 where nothing is wrong, and no
 # SYSTEM include can silence a warning raised after inlining; the tests
 # keep every other warning.
 set(ZQ_TEST_WARNINGS ${ZQ_WARNINGS} -Wno-null-dereference -Wno-restrict)
+set(ZQ_HOST_TOOL_WARNINGS ${ZQ_TEST_WARNINGS})
