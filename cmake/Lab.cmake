@@ -12,7 +12,9 @@ endif()
 #   lab/run --scenario <scenario> -- [emulator] <target> --gtest_filter=<case>.
 #   Discovery runs inside a lab as well, at test time.
 function(zq_lab_discover_tests target scenario)
-  set(launcher ${ZQ_LAB_RUN} --scenario ${scenario} --)
+  # The build tree stays the host's inside the lab wherever it lies: the
+  # tests load the library from it.
+  set(launcher ${ZQ_LAB_RUN} --scenario ${scenario} --keep ${CMAKE_BINARY_DIR} --)
   if(CMAKE_VERSION VERSION_GREATER_EQUAL 3.29)
     # TEST_LAUNCHER comes first; CMake adds the cross emulator after it.
     set_property(TARGET ${target} PROPERTY TEST_LAUNCHER ${launcher})

@@ -290,6 +290,16 @@ int main(int argc, char **argv) {
     keep_dir(argv[2]);
     keep_dir(getcwd(cwd, sizeof cwd));
     keep_dir_of(argv[5]);
+    /* Directories the caller names (lab/run --keep): a build tree whose
+     * programs load their libraries from beside them, say. One a line. */
+    const char *extra = getenv("ZQLAB_KEEP");
+    if (extra) {
+        char list[2048];
+        snprintf(list, sizeof list, "%s", extra);
+        for (char *save = NULL, *dir = strtok_r(list, "\n", &save); dir; dir = strtok_r(NULL, "\n", &save))
+            keep_dir(dir);
+        unsetenv("ZQLAB_KEEP");
+    }
     if (build_gateway(argv[1], argv[2]) != 0) return 125;
     if (scenario_arg != argv[3] && write_text(scenario_arg, carried ? carried : "") != 0) return 125;
     free(carried);

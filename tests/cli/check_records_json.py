@@ -31,7 +31,8 @@ def check(ok, what):
 
 
 def records(scenario, *args):
-    r = subprocess.run([os.path.join(SRC, "lab", "run"), "--scenario", scenario, "--", *LAUNCHER, ZQDIAG,
+    build = os.path.dirname(os.path.dirname(os.path.abspath(ZQDIAG)))
+    r = subprocess.run([os.path.join(SRC, "lab", "run"), "--scenario", scenario, "--keep", build, "--", *LAUNCHER, ZQDIAG,
                         "records", "--json", *args], capture_output=True, text=True, timeout=300)
     check(r.returncode == 0, "%s %s: exit %d\n%s" % (scenario, args, r.returncode, r.stderr[-2000:]))
     try:

@@ -90,7 +90,7 @@ lab_commands = [c for c in blocks(README) if c.startswith("lab/run ") and " -- "
 lab_commands += [s for s in spans(README) if s.startswith("lab/run ") and " -- " in s]
 for command in lab_commands:
     r = subprocess.run(["bash", "-c", in_build(command)], cwd=SRC, capture_output=True, text=True,
-                       stdin=subprocess.DEVNULL, timeout=300)
+                       stdin=subprocess.DEVNULL, timeout=300, env=dict(os.environ, ZQLAB_KEEP=BUILD))
     ok = r.returncode in (0, 1)
     report(ok, "runs: " + command.replace("\n", " "))
     if not ok:
