@@ -173,7 +173,9 @@ TEST(InspectReport, DiagnosisPackageFromTheLab) {
 }
 
 TEST(InspectReport, VerdictsOfTheLabsExchanges) {
-    const Exchange *none = find(fixture("dhcp-no-server"), "dhcp");
+    // The report holds the exchanges: it must outlive the pointers into it.
+    const Report unanswered = fixture("dhcp-no-server");
+    const Exchange *none = find(unanswered, "dhcp");
     ASSERT_NE(none, nullptr);
     EXPECT_EQ(none->verdict, 2u);
     EXPECT_EQ(none->stopped_at, "OFFER");
