@@ -41,6 +41,8 @@ const Exchange *find(const Report &r, const std::string &protocol, const std::st
         if (e.protocol == protocol && (stopped.empty() || e.stopped_at == stopped)) return &e;
     return nullptr;
 }
+// A pointer into a temporary report would dangle.
+const Exchange *find(const Report &&, const std::string &, const std::string & = "") = delete;
 
 // ---- A small JSON Schema check: type, const, enum, required, properties,
 // items (what report.schema.json uses), and no key outside properties.
@@ -190,7 +192,8 @@ TEST(InspectReport, VerdictsOfTheLabsExchanges) {
     for (const Message &m : ok->messages) names.push_back(m.name);
     EXPECT_EQ(names, (std::vector<std::string>{"DISCOVER", "OFFER", "REQUEST", "ACK"}));
 
-    const Exchange *up = find(fixture("pppoe-success"), "pppoe");
+    const Report connected = fixture("pppoe-success");
+    const Exchange *up = find(connected, "pppoe");
     ASSERT_NE(up, nullptr);
     EXPECT_EQ(up->verdict, 6u);
     EXPECT_EQ(up->stopped_at, "complete");
