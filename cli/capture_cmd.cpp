@@ -185,17 +185,20 @@ void show_archive() {
         warn("nothing was packed: the capture holds no packet");
 }
 
-// The threads of this process besides the calling one: in rotate mode the
-// library's upload chain (the tool itself runs in one thread).
-int other_threads() {
+// The threads of this process. Rotate mode's upload chain runs in threads
+// of the library in this process; a runtime may keep threads of its own (a
+// sanitizer's), so the chain's end is judged against the count before the
+// capture started.
+int threads_of_this_process() {
     DIR *tasks = opendir("/proc/self/task");
     if (!tasks) return 0;
     int count = 0;
     while (const dirent *entry = readdir(tasks))
         if (entry->d_name[0] != '.') ++count;
     closedir(tasks);
-    return count - 1;
+    return count;
 }
+int threads_before_capture = 1;
 
 // Rotate mode uploads from threads of this process, and its end stops and
 // removes the capture files and the upload route: the tool stays until
@@ -203,7 +206,8 @@ int other_threads() {
 void wait_for_rotate_end(const CaptureRecord &record) {
     if (record.mode != 1) return;
     int polls = 0;
-    for (; polls < CHAIN_END_POLLS && other_threads() > 0; ++polls) usleep(POLL_US);
+    for (; polls < CHAIN_END_POLLS && threads_of_this_process() > threads_before_capture; ++polls)
+        usleep(POLL_US);
     if (polls == CHAIN_END_POLLS)
         warn("rotate mode's upload threads did not end in time; leaving them behind");
     else
@@ -268,6 +272,7 @@ int capture_start(const Command &self, const ParsedArgs &args) {
     g_cap_exec.kind = kind;
     g_cap_exec.action = ACTION_START;
     CaptureRecord record = start_record(mode);
+    threads_before_capture = threads_of_this_process();
     if (capture_set() != 0) {
         warn("the capture did not start (a diagnosis or capture holds the permit, tcpdump is\n"
              "already running, the allowance is 0, or the interface is not valid; -v shows why)");
