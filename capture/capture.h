@@ -21,6 +21,10 @@ constexpr const char *ZQ_CAPTURE_ALLOWANCE = "/tmp/max_size_of_tcpdump_file";
 enum : uint32_t { CAPTURE_MODE_SINGLE = 0, CAPTURE_MODE_ROTATE = 1 };
 constexpr uint64_t ZQ_MAX_CATCH_COUNT = 5000;
 constexpr uint64_t ZQ_MAX_ALLOWANCE = 3;
+// Rotate mode's threads (the start, the watcher, the uploader and the end)
+// carry names that begin so: rotate mode has ended once no thread of the
+// process does.
+constexpr const char *ZQ_ROTATE_THREAD_PREFIX = "zq_rotate";
 
 // The user capture described by g_cap_exec (mode, kind): 0 when it runs.
 int start_tcpdump_process();

@@ -4,13 +4,16 @@
 // start thread checks that the server can be reached, a watcher waits for
 // finished files, an uploader sends them, and an end thread stops and
 // cleans up.
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/inotify.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include "capture/capture.h"
@@ -43,13 +46,14 @@ constexpr int WATCH_POLL_MS = 500;
 struct upload_thread {
     uint32_t id;
     void *(*fn)(void *);
+    const char *name; // the thread's name, ZQ_ROTATE_THREAD_PREFIX first
 };
 
 const upload_thread upload_thread_table[] = {
-    {0, continue_upload_begin},
-    {1, watch_capture_dir},
-    {2, tcpdump_file_upload},
-    {3, watch_finish},
+    {0, continue_upload_begin, "zq_rotate_begin"},
+    {1, watch_capture_dir, "zq_rotate_watch"},
+    {2, tcpdump_file_upload, "zq_rotate_send"},
+    {3, watch_finish, "zq_rotate_end"},
 };
 
 // The uploads are serialised: one uploader at a time sends the finished
@@ -101,17 +105,43 @@ bool event_waiting(int fd) {
 
 } // namespace
 
+namespace {
+
+// A chain thread names itself before anything else, while the thread that
+// starts it waits: a look at the process's threads (ps -T, or a caller
+// waiting for the chain to end) finds one of the chain's names from the
+// first start until the last thread has ended.
+struct thread_start {
+    void *(*fn)(void *);
+    const char *name;
+    std::atomic<bool> named{false};
+};
+
+void *named_thread(void *arg) {
+    auto *start = static_cast<thread_start *>(arg);
+    void *(*const fn)(void *) = start->fn;
+    if (start->name) prctl(PR_SET_NAME, start->name);
+    start->named.store(true, std::memory_order_release); // `start` may be gone from here on
+    return fn(nullptr);
+}
+
+} // namespace
+
 int th_create(void *(*fn)(void *)) {
+    thread_start start{fn, nullptr};
+    for (const upload_thread &entry : upload_thread_table)
+        if (entry.fn == fn) start.name = entry.name;
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread{};
-    const int rc = pthread_create(&thread, &attr, fn, nullptr);
+    const int rc = pthread_create(&thread, &attr, named_thread, &start);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
         ZQ_LOG_BREAK("!create pthread fail");
         return -1;
     }
+    while (!start.named.load(std::memory_order_acquire)) sched_yield();
     return 0;
 }
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "capture/capture.h"
 #include "console.hpp"
 #include "diag_run.hpp"
 #include "exit_codes.hpp"
@@ -185,20 +186,25 @@ void show_archive() {
         warn("nothing was packed: the capture holds no packet");
 }
 
-// The threads of this process. Rotate mode's upload chain runs in threads
-// of the library in this process; a runtime may keep threads of its own (a
-// sanitizer's), so the chain's end is judged against the count before the
-// capture started.
-int threads_of_this_process() {
+// The threads of rotate mode's chain (the library's, in this process),
+// which carry names of their own.
+int rotate_threads() {
     DIR *tasks = opendir("/proc/self/task");
     if (!tasks) return 0;
     int count = 0;
-    while (const dirent *entry = readdir(tasks))
-        if (entry->d_name[0] != '.') ++count;
+    const std::string_view prefix = ZQ_ROTATE_THREAD_PREFIX;
+    while (const dirent *entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.') continue;
+        const std::string path = std::string("/proc/self/task/") + entry->d_name + "/comm";
+        FILE *comm = fopen(path.c_str(), "r");
+        if (!comm) continue;
+        char name[32] = {};
+        if (fgets(name, sizeof(name), comm) && std::string_view(name).starts_with(prefix)) ++count;
+        fclose(comm);
+    }
     closedir(tasks);
     return count;
 }
-int threads_before_capture = 1;
 
 // Rotate mode uploads from threads of this process, and its end stops and
 // removes the capture files and the upload route: the tool stays until
@@ -206,8 +212,7 @@ int threads_before_capture = 1;
 void wait_for_rotate_end(const CaptureRecord &record) {
     if (record.mode != 1) return;
     int polls = 0;
-    for (; polls < CHAIN_END_POLLS && threads_of_this_process() > threads_before_capture; ++polls)
-        usleep(POLL_US);
+    for (; polls < CHAIN_END_POLLS && rotate_threads() > 0; ++polls) usleep(POLL_US);
     if (polls == CHAIN_END_POLLS)
         warn("rotate mode's upload threads did not end in time; leaving them behind");
     else
@@ -272,7 +277,6 @@ int capture_start(const Command &self, const ParsedArgs &args) {
     g_cap_exec.kind = kind;
     g_cap_exec.action = ACTION_START;
     CaptureRecord record = start_record(mode);
-    threads_before_capture = threads_of_this_process();
     if (capture_set() != 0) {
         warn("the capture did not start (a diagnosis or capture holds the permit, tcpdump is\n"
              "already running, the allowance is 0, or the interface is not valid; -v shows why)");
