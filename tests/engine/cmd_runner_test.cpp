@@ -70,6 +70,7 @@ TEST(CommandRunner, RingThatCannotBeArrangedIsTerminatedAndNotLogged) {
 #endif
     ASSERT_EQ(mkdir("/tmp/diag_file", 0755), 0);
     constexpr size_t SIZE = 8u << 20;
+    constexpr int NO_LIMIT_HERE = 30;
     const std::string log_path = "/tmp/runner_stdout";
     pid_t child = fork();
     if (child == 0) {
@@ -88,6 +89,11 @@ TEST(CommandRunner, RingThatCannotBeArrangedIsTerminatedAndNotLogged) {
             static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
         const rlimit limit{cap, cap};
         if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(13);
+        // qemu-user takes the limit but does not apply it to the guest.
+        if (void *beyond = malloc(static_cast<size_t>(cap))) {
+            free(beyond);
+            _exit(NO_LIMIT_HERE);
+        }
         const char *cmd = "yes | head -c 8388708";
         const int rc = zq_get_cmd_raw_data(zq_args(cmd, strlen(cmd) + 1, out, SIZE));
         fflush(stdout);
@@ -99,6 +105,8 @@ TEST(CommandRunner, RingThatCannotBeArrangedIsTerminatedAndNotLogged) {
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status)) << status;
+    if (WEXITSTATUS(status) == NO_LIMIT_HERE)
+        GTEST_SKIP() << "the address space cannot be capped here (an emulator)";
     EXPECT_EQ(WEXITSTATUS(status), 0);
     const std::string log = zqlab::read_file(log_path);
     EXPECT_NE(log.find("![zq_get_cmd_raw_data "), std::string::npos) << log;
