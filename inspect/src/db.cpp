@@ -110,7 +110,15 @@ class Postgres : public Db {
             throw std::runtime_error("cannot connect to PostgreSQL: " + msg);
         }
         exec("SET client_min_messages TO WARNING");
-        for (const char *s : SCHEMA) exec(s);
+        // Text compares byte by byte, as in SQLite, whatever collation the
+        // cluster was created with: the operator's questions come back in
+        // the same order from either database.
+        for (const char *s : SCHEMA) {
+            std::string sql = s;
+            for (size_t at = 0; (at = sql.find(" TEXT", at)) != std::string::npos; at += 5)
+                sql.insert(at + 5, " COLLATE \"C\"");
+            exec(sql);
+        }
     }
     ~Postgres() override { PQfinish(conn_); }
     std::vector<Row> query(const std::string &sql, const std::vector<Param> &params) override {

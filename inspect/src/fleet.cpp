@@ -85,10 +85,13 @@ class Ingest {
     bool file(const File &f, bool &bad) {
         bad = false;
         const std::string size = std::to_string(f.size), mtime = std::to_string(f.mtime);
+        // A path is stored as shown (escaped): a name the server took from a
+        // gateway need not be UTF-8, and PostgreSQL refuses text that is not.
+        const std::string path = escaped(f.path);
         // Unchanged since it was filed (same path, size and time): its hash
         // is known and it is not read again.
         const auto known = db_.query("SELECT sha256 FROM files WHERE path = ? AND size = ? AND mtime = ?",
-                                     {f.path, size, mtime});
+                                     {path, size, mtime});
         if (!known.empty()) return false;
         std::string data;
         std::string sha;
@@ -97,9 +100,9 @@ class Ingest {
         try {
             data = read_input_file(f.path);
             sha = sha256_hex(data);
-            db_.exec("DELETE FROM files WHERE path = ?", {f.path});
+            db_.exec("DELETE FROM files WHERE path = ?", {path});
             db_.exec("INSERT INTO files (path, size, mtime, sha256) VALUES (?, ?, ?, ?)",
-                     {f.path, size, mtime, sha});
+                     {path, size, mtime, sha});
             if (!db_.query("SELECT 1 FROM archives WHERE sha256 = ?", {sha}).empty()) return false;
             r = build_report(data, f.path);
         } catch (const Refusal &e) {
@@ -117,8 +120,8 @@ class Ingest {
                 "software_version, errors, warnings, bad, reason, report) VALUES (?, ?, ?, ?, ?, 'bad', ?, "
                 "?, "
                 "?, '', 0, 0, 1, ?, '')",
-                {archive, gateway, sha, name, escaped(f.path), size, u.stamp,
-                 u.times.empty() ? "" : u.times[0], escaped(reason)});
+                {archive, gateway, sha, name, path, size, u.stamp, u.times.empty() ? "" : u.times[0],
+                 escaped(reason)});
             return true;
         }
         nlohmann::ordered_json j = report_json(r);
@@ -155,7 +158,7 @@ class Ingest {
                  "software_version, errors, warnings, bad, reason, report) VALUES (?, ?, ?, ?, ?, ?, ?, ?, "
                  "?, ?, ?, "
                  "?, 0, '', ?)",
-                 {archive, gateway, sha, name, escaped(f.path), kind_name(r.kind), size, r.upload.stamp,
+                 {archive, gateway, sha, name, path, kind_name(r.kind), size, r.upload.stamp,
                   r.upload.times.empty() ? "" : r.upload.times[0],
                   escaped(fact(r, "sys_status.software_version")), std::to_string(errors),
                   std::to_string(warnings), summary.dump()});
@@ -259,7 +262,7 @@ const std::vector<Question> &questions() {
          "f ON "
          "f.archive_id = a.id WHERE f.method = 'pon_status' AND f.level = 'error' AND a.id = (SELECT "
          "MAX(b.id) FROM "
-         "archives b WHERE b.gateway_id = a.gateway_id AND b.kind = 'diagnosis') ORDER BY g.name",
+         "archives b WHERE b.gateway_id = a.gateway_id AND b.kind = 'diagnosis') ORDER BY g.name, f.seq",
          {"gateway", "archive", "finding"}},
         {"pppoe-failures",
          "PPPoE exchanges by the stage they stopped at",
@@ -274,7 +277,7 @@ const std::vector<Question> &questions() {
          "SELECT g.name, a.name, e.interface, e.client FROM exchanges e JOIN archives a ON a.id = "
          "e.archive_id JOIN "
          "gateways g ON g.id = a.gateway_id WHERE e.protocol = 'dhcp' AND e.verdict = 2 ORDER BY g.name, "
-         "a.name",
+         "a.name, a.id, e.seq",
          {"gateway", "archive", "interface", "client"}},
         {"top-findings",
          "the most frequent warn and error findings",
@@ -295,10 +298,18 @@ const std::vector<Question> &questions() {
          "archives refused, with the reason",
          "SELECT g.name, a.name, a.reason FROM archives a JOIN gateways g ON g.id = a.gateway_id WHERE a.bad "
          "= 1 "
-         "ORDER BY g.name, a.name",
+         "ORDER BY g.name, a.name, a.id",
          {"gateway", "archive", "reason"}},
     };
     return q;
+}
+
+// A value read back from the database. What ingest filed is already shown
+// escaped (escaping it again would double its backslashes); anything else
+// that is not clean text is escaped here.
+std::string shown(const std::string &value, bool keep_newlines) {
+    const bool clean = is_clean_text(value) && (keep_newlines || value.find('\n') == std::string::npos);
+    return clean ? value : escaped(value, keep_newlines);
 }
 
 std::string table(const std::vector<const char *> &cols, const std::vector<Row> &rows) {
@@ -310,7 +321,7 @@ std::string table(const std::vector<const char *> &cols, const std::vector<Row> 
     std::string out;
     const auto line = [&](const std::vector<std::string> &cells) {
         for (size_t c = 0; c < cells.size(); ++c) {
-            std::string cell = escaped(cells[c]).substr(0, 60);
+            std::string cell = shown(cells[c], false).substr(0, 60);
             out += cell + (c + 1 < cells.size()
                                ? std::string(width[c] - std::min(width[c], cell.size()) + 2, ' ')
                                : "");
@@ -359,7 +370,8 @@ int run_query(const std::vector<std::string> &args, const std::string &) {
         nlohmann::ordered_json arr = nlohmann::ordered_json::array();
         for (const Row &r : rows) {
             nlohmann::ordered_json o;
-            for (size_t c = 0; c < q->columns.size() && c < r.size(); ++c) o[q->columns[c]] = escaped(r[c]);
+            for (size_t c = 0; c < q->columns.size() && c < r.size(); ++c)
+                o[q->columns[c]] = shown(r[c], true);
             arr.push_back(o);
         }
         out = arr.dump(2) + "\n";
