@@ -232,8 +232,10 @@ std::string render_text(const Report &r, bool colour) {
             for (const Finding &f : s.findings) {
                 // A finding's detail lines are indented under its text.
                 std::string text;
-                for (const char c : escaped(f.text, true))
-                    text += c == '\n' ? "\n            " : std::string(1, c);
+                for (const char c : escaped(f.text, true)) {
+                    text += c;
+                    if (c == '\n') text += "            ";
+                }
                 line(out,
                      "  " +
                          paint(f.level, std::string(level_name(f.level)) +
