@@ -40,9 +40,12 @@ bool is_own_file(const std::string &name) {
            name.ends_with(".db-shm");
 }
 
-// Every plain file under `dir`, links and other kinds left alone; the
-// gateway is named by the first directory under the root.
-void walk(const std::string &root, const std::string &dir, const std::string &gateway, std::vector<File> &out,
+// Every plain file under `dir`, handed to `visit` as it is found (a
+// directory at a time: the memory does not grow with the fleet), links and
+// other kinds left alone; the gateway is named by the first directory
+// under the root.
+template <typename Visit>
+void walk(const std::string &root, const std::string &dir, const std::string &gateway, Visit &visit,
           int depth) {
     if (depth > 16) return;
     DIR *d = opendir(dir.c_str());
@@ -57,10 +60,10 @@ void walk(const std::string &root, const std::string &dir, const std::string &ga
         struct stat st {};
         if (lstat(path.c_str(), &st) != 0) continue;
         if (S_ISDIR(st.st_mode))
-            walk(root, path, gateway.empty() ? name : gateway, out, depth + 1);
+            walk(root, path, gateway.empty() ? name : gateway, visit, depth + 1);
         else if (S_ISREG(st.st_mode) && !is_own_file(name))
-            out.push_back({path, gateway.empty() ? "(top)" : gateway, static_cast<uint64_t>(st.st_size),
-                           static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
+            visit(File{path, gateway.empty() ? "(top)" : gateway, static_cast<uint64_t>(st.st_size),
+                       static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
     }
 }
 
@@ -197,22 +200,19 @@ int run_ingest(const std::vector<std::string> &args) {
             dirs.push_back(args[i]);
     }
     if (dirs.empty()) return usage_error("ingest: which directory?");
-    std::vector<File> files;
     for (const std::string &d : dirs) {
         struct stat st {};
         if (stat(d.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
             fprintf(stderr, "zqdiag-inspect: ingest: %s is not a directory\n", d.c_str());
             return EXIT_FAILED;
         }
-        walk(d, d, "", files, 0);
     }
     auto db = open_db(db_target(db_path, dirs[0]));
     Ingest ingest(*db);
     const auto start = std::chrono::steady_clock::now();
     auto last_report = start;
     size_t done = 0, filed = 0, bad = 0, skipped = 0;
-    db->begin();
-    for (const File &f : files) {
+    const auto visit = [&](const File &f) {
         bool was_bad = false;
         if (ingest.file(f, was_bad)) {
             ++filed;
@@ -233,10 +233,11 @@ int run_ingest(const std::vector<std::string> &args) {
         if (!quiet && now - last_report > std::chrono::seconds(1)) {
             last_report = now;
             const double s = std::chrono::duration<double>(now - start).count();
-            fprintf(stderr, "ingest: %zu/%zu archives, %.0f/s, %zu bad so far\n", done, files.size(),
-                    done / s, bad);
+            fprintf(stderr, "ingest: %zu archives, %.0f/s, %zu bad so far\n", done, done / s, bad);
         }
-    }
+    };
+    db->begin();
+    for (const std::string &d : dirs) walk(d, d, "", visit, 0);
     db->commit();
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     fprintf(stderr, "ingest: %zu files in %.2f s (%.0f/s): %zu filed, %zu bad, %zu already filed\n", done, s,
