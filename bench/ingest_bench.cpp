@@ -1,7 +1,8 @@
 // zqdiag-inspect on a fleet: generates a server's upload tree of N archives
 // from the lab's real uploads (inspect/fixtures), then measures the first
 // ingest into SQLite, the re-ingest of the unchanged tree, the peak RSS of
-// each, and the time to read and render one report in each format.
+// each, the NDJSON export of the fleet, and the time to read and render one
+// report in each format.
 //
 //   ingest_bench [--archives N] [--small N] [--bad-every K] [--dir DIR] [--keep]
 //
@@ -345,6 +346,13 @@ int main(int argc, char **argv) {
         "| fleet | bad | MiB | first ingest (s) | archives/s | re-ingest (s) | speed-up | peak RSS first / "
         "again (MiB) |\n|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     int failed = 0;
+    struct Export {
+        size_t archives;
+        double seconds;
+        long peak_rss_kib;
+        uintmax_t bytes;
+    };
+    std::vector<Export> exports;
     for (const size_t count : {small, archives}) {
         const fs::path fleet_dir = dir / ("fleet-" + std::to_string(count));
         const Fleet fleet = generate_apart(fleet_dir, count, bad_every);
@@ -355,6 +363,12 @@ int main(int argc, char **argv) {
         const std::vector<std::string> args = {"ingest", fleet_dir.string(), "--quiet"};
         const Run first = run_tool(args, dir / "first.err");
         const Run again = run_tool(args, dir / "again.err");
+        const fs::path ndjson = dir / "export.ndjson";
+        const Run exported = run_tool(
+            {"export", "--ndjson", "--db", (fleet_dir / "zqdiag-inspect.db").string(), "-o", ndjson.string()},
+            dir / "export.err");
+        exports.push_back({fleet.archives, exported.seconds, exported.peak_rss_kib,
+                           exported.status == 0 ? fs::file_size(ndjson) : 0});
         if (first.status != 0 || again.status != 0) {
             fprintf(stderr, "ingest_bench: ingest failed: %s / %s\n", first.summary.c_str(),
                     again.summary.c_str());
@@ -368,6 +382,11 @@ int main(int argc, char **argv) {
         fprintf(stderr, "fleet of %zu generated in %.1f s; first: %s; again: %s (bench's own peak %ld KiB)\n",
                 count, fleet.seconds, first.summary.c_str(), again.summary.c_str(), own_peak_kib());
     }
+
+    printf("\n| fleet | export --ndjson (s) | MiB written | peak RSS (MiB) |\n|---:|---:|---:|---:|\n");
+    for (const Export &e : exports)
+        printf("| %zu | %.2f | %.1f | %.1f |\n", e.archives, e.seconds,
+               static_cast<double>(e.bytes) / (1 << 20), static_cast<double>(e.peak_rss_kib) / 1024);
 
     // One report, the largest lab upload, read and rendered in process
     // (median of 50) and as the whole command (median of 10).

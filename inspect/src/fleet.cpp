@@ -1,11 +1,13 @@
 // ingest, query and export: a fleet's uploads as one database.
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "commands.hpp"
@@ -398,7 +400,21 @@ int run_export(const std::vector<std::string> &args) {
     if (!ndjson) return usage_error("export: --ndjson is the format");
     if (db_path.empty()) db_path = DEFAULT_DB;
     auto db = open_db(db_path);
-    std::string out;
+    // The lines are written as they are made, a page of archives at a time,
+    // so that the memory does not grow with the fleet. A file is written
+    // under a temporary name and renamed once complete: a failed export
+    // leaves no partial file under the name asked for.
+    const std::string part = output.empty() || output == "-" ? "" : output + ".part";
+    FILE *out = part.empty() ? stdout : fopen(part.c_str(), "w");
+    if (!out) {
+        fprintf(stderr, "zqdiag-inspect: cannot write %s: %s\n", part.c_str(), strerror(errno));
+        return EXIT_FAILED;
+    }
+    bool ok = true;
+    const auto put = [&](const nlohmann::ordered_json &j) {
+        const std::string line = j.dump() + "\n";
+        ok = ok && fwrite(line.data(), 1, line.size(), out) == line.size();
+    };
     const auto header = [](const char *type) {
         nlohmann::ordered_json j;
         j["schema"] = REPORT_SCHEMA;
@@ -406,40 +422,66 @@ int run_export(const std::vector<std::string> &args) {
         j["type"] = type;
         return j;
     };
-    for (const Row &a :
-         db->query("SELECT a.id, a.sha256, g.name, a.bad, a.reason, a.report, a.name, a.size FROM "
-                   "archives a JOIN gateways g ON g.id = a.gateway_id ORDER BY a.id")) {
-        nlohmann::ordered_json j = header("archive");
-        if (a[3] == "1") {
-            j["archive"] = {{"name", a[6]},  {"size", std::stoull(a[7])}, {"sha256", a[1]},
-                            {"kind", "bad"}, {"gateway", a[2]},           {"reason", a[4]}};
-        } else {
-            const auto rep = nlohmann::ordered_json::parse(a[5]);
-            for (const auto &[k, v] : rep.items())
-                if (k != "schema" && k != "version" && k != "steps") j[k] = v;
+    try {
+        std::string after = "0";
+        for (;;) {
+            const auto page =
+                db->query("SELECT a.id, a.sha256, g.name, a.bad, a.reason, a.report, a.name, a.size "
+                          "FROM archives a JOIN gateways g ON g.id = a.gateway_id WHERE a.id > ? "
+                          "ORDER BY a.id LIMIT 256",
+                          {after});
+            if (page.empty()) break;
+            after = page.back()[0];
+            for (const Row &a : page) {
+                nlohmann::ordered_json j = header("archive");
+                if (a[3] == "1") {
+                    j["archive"] = {{"name", a[6]},  {"size", std::stoull(a[7])}, {"sha256", a[1]},
+                                    {"kind", "bad"}, {"gateway", a[2]},           {"reason", a[4]}};
+                } else {
+                    const auto rep = nlohmann::ordered_json::parse(a[5]);
+                    for (const auto &[k, v] : rep.items())
+                        if (k != "schema" && k != "version" && k != "steps") j[k] = v;
+                }
+                put(j);
+                for (const Row &f :
+                     db->query("SELECT method, level, text FROM findings WHERE archive_id = ? ORDER BY seq",
+                               {a[0]})) {
+                    nlohmann::ordered_json l = header("finding");
+                    l["archive"] = a[1];
+                    l["gateway"] = a[2];
+                    l["method"] = f[0];
+                    l["level"] = f[1];
+                    l["text"] = f[2];
+                    put(l);
+                }
+                for (const Row &e :
+                     db->query("SELECT report FROM exchanges WHERE archive_id = ? ORDER BY seq", {a[0]})) {
+                    nlohmann::ordered_json l = header("exchange");
+                    l["archive"] = a[1];
+                    l["gateway"] = a[2];
+                    const nlohmann::ordered_json exchange = nlohmann::ordered_json::parse(e[0]);
+                    for (const auto &[k, v] : exchange.items()) l[k] = v;
+                    put(l);
+                }
+            }
+            if (!ok) break;
         }
-        out += j.dump() + "\n";
-        for (const Row &f : db->query(
-                 "SELECT method, level, text FROM findings WHERE archive_id = ? ORDER BY seq", {a[0]})) {
-            nlohmann::ordered_json l = header("finding");
-            l["archive"] = a[1];
-            l["gateway"] = a[2];
-            l["method"] = f[0];
-            l["level"] = f[1];
-            l["text"] = f[2];
-            out += l.dump() + "\n";
+    } catch (...) {
+        if (!part.empty()) {
+            fclose(out);
+            unlink(part.c_str());
         }
-        for (const Row &e :
-             db->query("SELECT report FROM exchanges WHERE archive_id = ? ORDER BY seq", {a[0]})) {
-            nlohmann::ordered_json l = header("exchange");
-            l["archive"] = a[1];
-            l["gateway"] = a[2];
-            const nlohmann::ordered_json exchange = nlohmann::ordered_json::parse(e[0]);
-            for (const auto &[k, v] : exchange.items()) l[k] = v;
-            out += l.dump() + "\n";
-        }
+        throw;
     }
-    return write_output(output, out) ? EXIT_OK : EXIT_FAILED;
+    const bool closed = out == stdout ? fflush(out) == 0 : fclose(out) == 0;
+    if (ok && closed && !part.empty() && rename(part.c_str(), output.c_str()) != 0) ok = false;
+    if (!ok || !closed) {
+        fprintf(stderr, "zqdiag-inspect: writing %s failed\n",
+                output.empty() ? "the output" : output.c_str());
+        if (!part.empty()) unlink(part.c_str());
+        return EXIT_FAILED;
+    }
+    return EXIT_OK;
 }
 
 } // namespace zqinspect
