@@ -58,7 +58,9 @@ void walk(const std::string &root, const std::string &dir, const std::string &ga
     closedir(d);
     std::sort(names.begin(), names.end());
     for (const std::string &name : names) {
-        const std::string path = dir + "/" + name;
+        std::string path = dir;
+        path += '/';
+        path += name;
         struct stat st {};
         if (lstat(path.c_str(), &st) != 0) continue;
         if (S_ISDIR(st.st_mode))
@@ -175,7 +177,7 @@ class Ingest {
         const std::string shown = escaped(name);
         const auto rows = db_.query("SELECT id FROM gateways WHERE name = ?", {shown});
         if (!rows.empty()) return rows[0][0];
-        const std::string id = std::to_string(next_gateway_++);
+        std::string id = std::to_string(next_gateway_++);
         db_.exec("INSERT INTO gateways (id, name) VALUES (?, ?)", {id, shown});
         return id;
     }
