@@ -277,7 +277,8 @@ struct Run {
     int status = -1;
     double seconds = 0;
     long peak_rss_kib = 0;
-    std::string summary; // the tool's last line on stderr
+    double cpu_seconds = 0; // user and system
+    std::string summary;    // the tool's last line on stderr
 };
 
 Run run_tool(const std::vector<std::string> &args, const fs::path &err_file) {
@@ -302,6 +303,8 @@ Run run_tool(const std::vector<std::string> &args, const fs::path &err_file) {
     posix_spawn_file_actions_destroy(&fa);
     r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
     r.peak_rss_kib = ru.ru_maxrss;
+    r.cpu_seconds = static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+                    static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
     std::istringstream in(slurp(err_file));
     for (std::string line; std::getline(in, line);)
         if (!line.empty()) r.summary = line;
@@ -343,8 +346,9 @@ int main(int argc, char **argv) {
     fs::remove_all(dir);
     printf("zqdiag-inspect ingest into SQLite, the lab's fixtures, one archive in %u bad\n\n", bad_every);
     printf(
-        "| fleet | bad | MiB | first ingest (s) | archives/s | re-ingest (s) | speed-up | peak RSS first / "
-        "again (MiB) |\n|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+        "| fleet | bad | MiB | first ingest (s) | archives/s | CPU (s) | archives per CPU s | re-ingest (s) "
+        "| "
+        "speed-up | peak RSS first / again (MiB) |\n|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
     int failed = 0;
     struct Export {
         size_t archives;
@@ -374,9 +378,10 @@ int main(int argc, char **argv) {
                     again.summary.c_str());
             ++failed;
         }
-        printf("| %zu | %zu | %.1f | %.2f | %.0f | %.3f | %.0fx | %.1f / %.1f |\n", fleet.archives, fleet.bad,
-               static_cast<double>(fleet.bytes) / (1 << 20), first.seconds,
-               static_cast<double>(fleet.archives) / first.seconds, again.seconds,
+        printf("| %zu | %zu | %.1f | %.2f | %.0f | %.2f | %.0f | %.3f | %.0fx | %.1f / %.1f |\n",
+               fleet.archives, fleet.bad, static_cast<double>(fleet.bytes) / (1 << 20), first.seconds,
+               static_cast<double>(fleet.archives) / first.seconds, first.cpu_seconds,
+               static_cast<double>(fleet.archives) / first.cpu_seconds, again.seconds,
                first.seconds / again.seconds, static_cast<double>(first.peak_rss_kib) / 1024,
                static_cast<double>(again.peak_rss_kib) / 1024);
         fprintf(stderr, "fleet of %zu generated in %.1f s; first: %s; again: %s (bench's own peak %ld KiB)\n",
