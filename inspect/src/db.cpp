@@ -110,15 +110,31 @@ class Postgres : public Db {
             throw std::runtime_error("cannot connect to PostgreSQL: " + msg);
         }
         exec("SET client_min_messages TO WARNING");
-        for (const char *s : SCHEMA) exec(s);
+        // Text compares byte by byte, as in SQLite, whatever collation the
+        // cluster was created with: the operator's questions come back in
+        // the same order from either database.
+        for (const char *s : SCHEMA) {
+            std::string sql = s;
+            for (size_t at = 0; (at = sql.find(" TEXT", at)) != std::string::npos; at += 5)
+                sql.insert(at + 5, " COLLATE \"C\"");
+            exec(sql);
+        }
     }
     ~Postgres() override { PQfinish(conn_); }
     std::vector<Row> query(const std::string &sql, const std::vector<Param> &params) override {
-        // '?' placeholders become $1, $2, ...
-        std::string text;
-        int n = 0;
-        for (const char c : sql) text += c == '?' ? "$" + std::to_string(++n) : std::string(1, c);
+        // '?' placeholders become $1, $2, ... (once per statement's text).
+        std::string &text = numbered_[sql];
+        if (text.empty()) {
+            int n = 0;
+            for (const char c : sql) {
+                if (c == '?')
+                    text += "$" + std::to_string(++n);
+                else
+                    text += c;
+            }
+        }
         std::vector<const char *> values;
+        values.reserve(params.size());
         for (const Param &p : params) values.push_back(p ? p->c_str() : nullptr);
         PGresult *res = PQexecParams(conn_, text.c_str(), static_cast<int>(values.size()), nullptr,
                                      values.data(), nullptr, nullptr, 0);
@@ -144,6 +160,7 @@ class Postgres : public Db {
 
   private:
     PGconn *conn_;
+    std::map<std::string, std::string> numbered_;
 };
 
 } // namespace

@@ -1,11 +1,13 @@
 // ingest, query and export: a fleet's uploads as one database.
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "commands.hpp"
@@ -40,9 +42,12 @@ bool is_own_file(const std::string &name) {
            name.ends_with(".db-shm");
 }
 
-// Every plain file under `dir`, links and other kinds left alone; the
-// gateway is named by the first directory under the root.
-void walk(const std::string &root, const std::string &dir, const std::string &gateway, std::vector<File> &out,
+// Every plain file under `dir`, handed to `visit` as it is found (a
+// directory at a time: the memory does not grow with the fleet), links and
+// other kinds left alone; the gateway is named by the first directory
+// under the root.
+template <typename Visit>
+void walk(const std::string &root, const std::string &dir, const std::string &gateway, Visit &visit,
           int depth) {
     if (depth > 16) return;
     DIR *d = opendir(dir.c_str());
@@ -53,14 +58,16 @@ void walk(const std::string &root, const std::string &dir, const std::string &ga
     closedir(d);
     std::sort(names.begin(), names.end());
     for (const std::string &name : names) {
-        const std::string path = dir + "/" + name;
+        std::string path = dir;
+        path += '/';
+        path += name;
         struct stat st {};
         if (lstat(path.c_str(), &st) != 0) continue;
         if (S_ISDIR(st.st_mode))
-            walk(root, path, gateway.empty() ? name : gateway, out, depth + 1);
+            walk(root, path, gateway.empty() ? name : gateway, visit, depth + 1);
         else if (S_ISREG(st.st_mode) && !is_own_file(name))
-            out.push_back({path, gateway.empty() ? "(top)" : gateway, static_cast<uint64_t>(st.st_size),
-                           static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
+            visit(File{path, gateway.empty() ? "(top)" : gateway, static_cast<uint64_t>(st.st_size),
+                       static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
     }
 }
 
@@ -85,10 +92,13 @@ class Ingest {
     bool file(const File &f, bool &bad) {
         bad = false;
         const std::string size = std::to_string(f.size), mtime = std::to_string(f.mtime);
+        // A path is stored as shown (escaped): a name the server took from a
+        // gateway need not be UTF-8, and PostgreSQL refuses text that is not.
+        const std::string path = escaped(f.path);
         // Unchanged since it was filed (same path, size and time): its hash
         // is known and it is not read again.
         const auto known = db_.query("SELECT sha256 FROM files WHERE path = ? AND size = ? AND mtime = ?",
-                                     {f.path, size, mtime});
+                                     {path, size, mtime});
         if (!known.empty()) return false;
         std::string data;
         std::string sha;
@@ -97,9 +107,9 @@ class Ingest {
         try {
             data = read_input_file(f.path);
             sha = sha256_hex(data);
-            db_.exec("DELETE FROM files WHERE path = ?", {f.path});
+            db_.exec("DELETE FROM files WHERE path = ?", {path});
             db_.exec("INSERT INTO files (path, size, mtime, sha256) VALUES (?, ?, ?, ?)",
-                     {f.path, size, mtime, sha});
+                     {path, size, mtime, sha});
             if (!db_.query("SELECT 1 FROM archives WHERE sha256 = ?", {sha}).empty()) return false;
             r = build_report(data, f.path);
         } catch (const Refusal &e) {
@@ -117,8 +127,8 @@ class Ingest {
                 "software_version, errors, warnings, bad, reason, report) VALUES (?, ?, ?, ?, ?, 'bad', ?, "
                 "?, "
                 "?, '', 0, 0, 1, ?, '')",
-                {archive, gateway, sha, name, escaped(f.path), size, u.stamp,
-                 u.times.empty() ? "" : u.times[0], escaped(reason)});
+                {archive, gateway, sha, name, path, size, u.stamp, u.times.empty() ? "" : u.times[0],
+                 escaped(reason)});
             return true;
         }
         nlohmann::ordered_json j = report_json(r);
@@ -155,7 +165,7 @@ class Ingest {
                  "software_version, errors, warnings, bad, reason, report) VALUES (?, ?, ?, ?, ?, ?, ?, ?, "
                  "?, ?, ?, "
                  "?, 0, '', ?)",
-                 {archive, gateway, sha, name, escaped(f.path), kind_name(r.kind), size, r.upload.stamp,
+                 {archive, gateway, sha, name, path, kind_name(r.kind), size, r.upload.stamp,
                   r.upload.times.empty() ? "" : r.upload.times[0],
                   escaped(fact(r, "sys_status.software_version")), std::to_string(errors),
                   std::to_string(warnings), summary.dump()});
@@ -167,7 +177,7 @@ class Ingest {
         const std::string shown = escaped(name);
         const auto rows = db_.query("SELECT id FROM gateways WHERE name = ?", {shown});
         if (!rows.empty()) return rows[0][0];
-        const std::string id = std::to_string(next_gateway_++);
+        std::string id = std::to_string(next_gateway_++);
         db_.exec("INSERT INTO gateways (id, name) VALUES (?, ?)", {id, shown});
         return id;
     }
@@ -194,22 +204,19 @@ int run_ingest(const std::vector<std::string> &args) {
             dirs.push_back(args[i]);
     }
     if (dirs.empty()) return usage_error("ingest: which directory?");
-    std::vector<File> files;
     for (const std::string &d : dirs) {
         struct stat st {};
         if (stat(d.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
             fprintf(stderr, "zqdiag-inspect: ingest: %s is not a directory\n", d.c_str());
             return EXIT_FAILED;
         }
-        walk(d, d, "", files, 0);
     }
     auto db = open_db(db_target(db_path, dirs[0]));
     Ingest ingest(*db);
     const auto start = std::chrono::steady_clock::now();
     auto last_report = start;
     size_t done = 0, filed = 0, bad = 0, skipped = 0;
-    db->begin();
-    for (const File &f : files) {
+    const auto visit = [&](const File &f) {
         bool was_bad = false;
         if (ingest.file(f, was_bad)) {
             ++filed;
@@ -230,10 +237,11 @@ int run_ingest(const std::vector<std::string> &args) {
         if (!quiet && now - last_report > std::chrono::seconds(1)) {
             last_report = now;
             const double s = std::chrono::duration<double>(now - start).count();
-            fprintf(stderr, "ingest: %zu/%zu archives, %.0f/s, %zu bad so far\n", done, files.size(),
-                    done / s, bad);
+            fprintf(stderr, "ingest: %zu archives, %.0f/s, %zu bad so far\n", done, done / s, bad);
         }
-    }
+    };
+    db->begin();
+    for (const std::string &d : dirs) walk(d, d, "", visit, 0);
     db->commit();
     const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     fprintf(stderr, "ingest: %zu files in %.2f s (%.0f/s): %zu filed, %zu bad, %zu already filed\n", done, s,
@@ -259,7 +267,7 @@ const std::vector<Question> &questions() {
          "f ON "
          "f.archive_id = a.id WHERE f.method = 'pon_status' AND f.level = 'error' AND a.id = (SELECT "
          "MAX(b.id) FROM "
-         "archives b WHERE b.gateway_id = a.gateway_id AND b.kind = 'diagnosis') ORDER BY g.name",
+         "archives b WHERE b.gateway_id = a.gateway_id AND b.kind = 'diagnosis') ORDER BY g.name, f.seq",
          {"gateway", "archive", "finding"}},
         {"pppoe-failures",
          "PPPoE exchanges by the stage they stopped at",
@@ -274,7 +282,7 @@ const std::vector<Question> &questions() {
          "SELECT g.name, a.name, e.interface, e.client FROM exchanges e JOIN archives a ON a.id = "
          "e.archive_id JOIN "
          "gateways g ON g.id = a.gateway_id WHERE e.protocol = 'dhcp' AND e.verdict = 2 ORDER BY g.name, "
-         "a.name",
+         "a.name, a.id, e.seq",
          {"gateway", "archive", "interface", "client"}},
         {"top-findings",
          "the most frequent warn and error findings",
@@ -295,10 +303,18 @@ const std::vector<Question> &questions() {
          "archives refused, with the reason",
          "SELECT g.name, a.name, a.reason FROM archives a JOIN gateways g ON g.id = a.gateway_id WHERE a.bad "
          "= 1 "
-         "ORDER BY g.name, a.name",
+         "ORDER BY g.name, a.name, a.id",
          {"gateway", "archive", "reason"}},
     };
     return q;
+}
+
+// A value read back from the database. What ingest filed is already shown
+// escaped (escaping it again would double its backslashes); anything else
+// that is not clean text is escaped here.
+std::string shown(const std::string &value, bool keep_newlines) {
+    const bool clean = is_clean_text(value) && (keep_newlines || value.find('\n') == std::string::npos);
+    return clean ? value : escaped(value, keep_newlines);
 }
 
 std::string table(const std::vector<const char *> &cols, const std::vector<Row> &rows) {
@@ -310,7 +326,7 @@ std::string table(const std::vector<const char *> &cols, const std::vector<Row> 
     std::string out;
     const auto line = [&](const std::vector<std::string> &cells) {
         for (size_t c = 0; c < cells.size(); ++c) {
-            std::string cell = escaped(cells[c]).substr(0, 60);
+            std::string cell = shown(cells[c], false).substr(0, 60);
             out += cell + (c + 1 < cells.size()
                                ? std::string(width[c] - std::min(width[c], cell.size()) + 2, ' ')
                                : "");
@@ -359,7 +375,8 @@ int run_query(const std::vector<std::string> &args, const std::string &) {
         nlohmann::ordered_json arr = nlohmann::ordered_json::array();
         for (const Row &r : rows) {
             nlohmann::ordered_json o;
-            for (size_t c = 0; c < q->columns.size() && c < r.size(); ++c) o[q->columns[c]] = escaped(r[c]);
+            for (size_t c = 0; c < q->columns.size() && c < r.size(); ++c)
+                o[q->columns[c]] = shown(r[c], true);
             arr.push_back(o);
         }
         out = arr.dump(2) + "\n";
@@ -385,7 +402,21 @@ int run_export(const std::vector<std::string> &args) {
     if (!ndjson) return usage_error("export: --ndjson is the format");
     if (db_path.empty()) db_path = DEFAULT_DB;
     auto db = open_db(db_path);
-    std::string out;
+    // The lines are written as they are made, a page of archives at a time,
+    // so that the memory does not grow with the fleet. A file is written
+    // under a temporary name and renamed once complete: a failed export
+    // leaves no partial file under the name asked for.
+    const std::string part = output.empty() || output == "-" ? "" : output + ".part";
+    FILE *out = part.empty() ? stdout : fopen(part.c_str(), "w");
+    if (!out) {
+        fprintf(stderr, "zqdiag-inspect: cannot write %s: %s\n", part.c_str(), strerror(errno));
+        return EXIT_FAILED;
+    }
+    bool ok = true;
+    const auto put = [&](const nlohmann::ordered_json &j) {
+        const std::string line = j.dump() + "\n";
+        ok = ok && fwrite(line.data(), 1, line.size(), out) == line.size();
+    };
     const auto header = [](const char *type) {
         nlohmann::ordered_json j;
         j["schema"] = REPORT_SCHEMA;
@@ -393,40 +424,66 @@ int run_export(const std::vector<std::string> &args) {
         j["type"] = type;
         return j;
     };
-    for (const Row &a :
-         db->query("SELECT a.id, a.sha256, g.name, a.bad, a.reason, a.report, a.name, a.size FROM "
-                   "archives a JOIN gateways g ON g.id = a.gateway_id ORDER BY a.id")) {
-        nlohmann::ordered_json j = header("archive");
-        if (a[3] == "1") {
-            j["archive"] = {{"name", a[6]},  {"size", std::stoull(a[7])}, {"sha256", a[1]},
-                            {"kind", "bad"}, {"gateway", a[2]},           {"reason", a[4]}};
-        } else {
-            const auto rep = nlohmann::ordered_json::parse(a[5]);
-            for (const auto &[k, v] : rep.items())
-                if (k != "schema" && k != "version" && k != "steps") j[k] = v;
+    try {
+        std::string after = "0";
+        for (;;) {
+            const auto page =
+                db->query("SELECT a.id, a.sha256, g.name, a.bad, a.reason, a.report, a.name, a.size "
+                          "FROM archives a JOIN gateways g ON g.id = a.gateway_id WHERE a.id > ? "
+                          "ORDER BY a.id LIMIT 256",
+                          {after});
+            if (page.empty()) break;
+            after = page.back()[0];
+            for (const Row &a : page) {
+                nlohmann::ordered_json j = header("archive");
+                if (a[3] == "1") {
+                    j["archive"] = {{"name", a[6]},  {"size", std::stoull(a[7])}, {"sha256", a[1]},
+                                    {"kind", "bad"}, {"gateway", a[2]},           {"reason", a[4]}};
+                } else {
+                    const auto rep = nlohmann::ordered_json::parse(a[5]);
+                    for (const auto &[k, v] : rep.items())
+                        if (k != "schema" && k != "version" && k != "steps") j[k] = v;
+                }
+                put(j);
+                for (const Row &f :
+                     db->query("SELECT method, level, text FROM findings WHERE archive_id = ? ORDER BY seq",
+                               {a[0]})) {
+                    nlohmann::ordered_json l = header("finding");
+                    l["archive"] = a[1];
+                    l["gateway"] = a[2];
+                    l["method"] = f[0];
+                    l["level"] = f[1];
+                    l["text"] = f[2];
+                    put(l);
+                }
+                for (const Row &e :
+                     db->query("SELECT report FROM exchanges WHERE archive_id = ? ORDER BY seq", {a[0]})) {
+                    nlohmann::ordered_json l = header("exchange");
+                    l["archive"] = a[1];
+                    l["gateway"] = a[2];
+                    const nlohmann::ordered_json exchange = nlohmann::ordered_json::parse(e[0]);
+                    for (const auto &[k, v] : exchange.items()) l[k] = v;
+                    put(l);
+                }
+            }
+            if (!ok) break;
         }
-        out += j.dump() + "\n";
-        for (const Row &f : db->query(
-                 "SELECT method, level, text FROM findings WHERE archive_id = ? ORDER BY seq", {a[0]})) {
-            nlohmann::ordered_json l = header("finding");
-            l["archive"] = a[1];
-            l["gateway"] = a[2];
-            l["method"] = f[0];
-            l["level"] = f[1];
-            l["text"] = f[2];
-            out += l.dump() + "\n";
+    } catch (...) {
+        if (!part.empty()) {
+            fclose(out);
+            unlink(part.c_str());
         }
-        for (const Row &e :
-             db->query("SELECT report FROM exchanges WHERE archive_id = ? ORDER BY seq", {a[0]})) {
-            nlohmann::ordered_json l = header("exchange");
-            l["archive"] = a[1];
-            l["gateway"] = a[2];
-            const nlohmann::ordered_json exchange = nlohmann::ordered_json::parse(e[0]);
-            for (const auto &[k, v] : exchange.items()) l[k] = v;
-            out += l.dump() + "\n";
-        }
+        throw;
     }
-    return write_output(output, out) ? EXIT_OK : EXIT_FAILED;
+    const bool closed = out == stdout ? fflush(out) == 0 : fclose(out) == 0;
+    if (ok && closed && !part.empty() && rename(part.c_str(), output.c_str()) != 0) ok = false;
+    if (!ok || !closed) {
+        fprintf(stderr, "zqdiag-inspect: writing %s failed\n",
+                output.empty() ? "the output" : output.c_str());
+        if (!part.empty()) unlink(part.c_str());
+        return EXIT_FAILED;
+    }
+    return EXIT_OK;
 }
 
 } // namespace zqinspect

@@ -230,9 +230,12 @@ std::string render_text(const Report &r, bool colour) {
         for (const Step &s : r.log.steps) {
             line(out, bold(escaped(s.method) + (s.action.empty() ? "" : " " + escaped(s.action))));
             for (const Finding &f : s.findings) {
-                std::string text = escaped(f.text, true);
-                for (size_t p; (p = text.find('\n')) != std::string::npos;)
-                    text.replace(p, 1, "\n            ");
+                // A finding's detail lines are indented under its text.
+                std::string text;
+                for (const char c : escaped(f.text, true)) {
+                    text += c;
+                    if (c == '\n') text += "            ";
+                }
                 line(out,
                      "  " +
                          paint(f.level, std::string(level_name(f.level)) +

@@ -263,6 +263,22 @@ TEST(InspectReport, GatewayTextIsEscapedEverywhere) {
     EXPECT_NO_THROW(json::parse(render_json(r)));
 }
 
+TEST(InspectReport, DetailLinesStayUnderTheirFinding) {
+    // A line without a level continues the finding before it; the text
+    // report indents it under that finding's text.
+    const std::string log = "\n>>>> port_status diag <<<<\n[warn   ]Port[2] down\nlink lost at boot\n"
+                            "  carrier 0\n[normal ]Port[3] up\n";
+    const Report r = build_report(make_tar({{"diag_log", log, AE_IFREG, "", "", -1}}), "11161621dia.tar");
+    ASSERT_EQ(r.log.steps.size(), 1u);
+    ASSERT_EQ(r.log.steps[0].findings.size(), 2u);
+    EXPECT_EQ(r.log.steps[0].findings[0].text, "Port[2] down\nlink lost at boot\n  carrier 0");
+    const std::string t = render_text(r, false);
+    EXPECT_NE(t.find("  warn     Port[2] down\n            link lost at boot\n              carrier 0\n"
+                     "  normal   Port[3] up\n"),
+              std::string::npos)
+        << t;
+}
+
 // ---- Hostile archives ------------------------------------------------------------
 
 TEST(InspectHostile, ArchivesAreRefusedWithAReason) {
