@@ -52,7 +52,9 @@ for build in cmake make; do
     client=$WORK_DIR/$build/diag_client
     out=$WORK_DIR/$build.out
     rc=0
-    "$LAB_RUN" --scenario upload-ftp -- \
+    # The work and install directories stay the host's inside the lab
+    # (under /tmp they would be hidden).
+    "$LAB_RUN" --scenario upload-ftp --keep "$WORK_DIR" --keep "$libdir" -- \
         sh -c 'LD_LIBRARY_PATH=$1 "$2" -m 10 -t 120 -u "$3" -w 1 && echo "server:" && ls "$4"' \
         sh "$libdir" "$client" "$url" "$ftp_dir" >"$out" 2>&1 || rc=$?
     cat "$out"
