@@ -7,7 +7,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <string_view>
+#include <unistd.h>
 
 #include "engine/outside_text.h"
 #include "zq_diag.h"
@@ -25,6 +30,27 @@ constexpr uint64_t ZQ_MAX_ALLOWANCE = 3;
 // carry names that begin so: rotate mode has ended once no thread of the
 // process does.
 constexpr const char *ZQ_ROTATE_THREAD_PREFIX = "zq_rotate";
+// How many threads of the calling process carry one of those names (a
+// caller waiting for rotate mode to end counts them).
+inline int count_rotate_threads() {
+    DIR *tasks = opendir("/proc/self/task");
+    if (!tasks) return 0;
+    int count = 0;
+    const size_t prefix = strlen(ZQ_ROTATE_THREAD_PREFIX);
+    while (const dirent *entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.') continue;
+        char path[64];
+        snprintf(path, sizeof(path), "/proc/self/task/%.20s/comm", entry->d_name);
+        const int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) continue;
+        char name[32] = {};
+        const ssize_t n = read(fd, name, sizeof(name) - 1);
+        close(fd);
+        if (n >= static_cast<ssize_t>(prefix) && strncmp(name, ZQ_ROTATE_THREAD_PREFIX, prefix) == 0) ++count;
+    }
+    closedir(tasks);
+    return count;
+}
 
 // The user capture described by g_cap_exec (mode, kind): 0 when it runs.
 int start_tcpdump_process();

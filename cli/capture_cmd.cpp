@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <ctime>
-#include <dirent.h>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -13,7 +12,9 @@
 #include "capture/capture.h"
 #include "console.hpp"
 #include "diag_run.hpp"
+#include "engine/util.h"
 #include "exit_codes.hpp"
+#include "records/records.h"
 #include "upload_run.hpp"
 #include "zq_diag.h"
 
@@ -59,8 +60,6 @@ bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
 // permit is still the one its capture took, `capture start` notes the
 // capture's tcpdump and the time it started in a small file.
 constexpr const char *CAPTURE_RECORD = "/var/run/zqdiag.capture";
-constexpr const char *DIAG_DIR = "/tmp/diag_file";
-constexpr const char *DIAG_LOG = "/tmp/diag_file/diag_log";
 
 struct CaptureRecord {
     unsigned long long pid = 0; // its tcpdump
@@ -104,12 +103,7 @@ void remove_capture_record() { unlink(CAPTURE_RECORD); }
 bool tcpdump_alive(unsigned long long pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
     std::string stat;
-    if (!std::getline(file, stat)) return false;
-    const size_t open = stat.find('('), close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open || close + 2 >= stat.size())
-        return false;
-    const char state = stat[close + 2];
-    return stat.compare(open + 1, close - open - 1, "tcpdump") == 0 && state != 'Z' && state != 'X';
+    return std::getline(file, stat) && zq::stat_names_live(stat, "tcpdump");
 }
 
 // Whether `path` was changed after the capture started (false when absent).
@@ -129,7 +123,7 @@ bool changed_since(const char *path, const CaptureRecord &record) {
 std::string why_not_holder(const CaptureRecord &record) {
     if (!is_diag_permit_holding()) return "the permit is free already";
     if (tcpdump_running()) return "another capture runs now";
-    if (changed_since(DIAG_DIR, record) || changed_since(DIAG_LOG, record))
+    if (changed_since(ZQ_DIAG_DIR, record) || changed_since(ZQ_DIAG_LOG_PATH, record))
         return "a diagnosis has started since the capture did";
     return {};
 }
@@ -186,33 +180,13 @@ void show_archive() {
         warn("nothing was packed: the capture holds no packet");
 }
 
-// The threads of rotate mode's chain (the library's, in this process),
-// which carry names of their own.
-int rotate_threads() {
-    DIR *tasks = opendir("/proc/self/task");
-    if (!tasks) return 0;
-    int count = 0;
-    const std::string_view prefix = ZQ_ROTATE_THREAD_PREFIX;
-    while (const dirent *entry = readdir(tasks)) {
-        if (entry->d_name[0] == '.') continue;
-        const std::string path = std::string("/proc/self/task/") + entry->d_name + "/comm";
-        FILE *comm = fopen(path.c_str(), "r");
-        if (!comm) continue;
-        char name[32] = {};
-        if (fgets(name, sizeof(name), comm) && std::string_view(name).starts_with(prefix)) ++count;
-        fclose(comm);
-    }
-    closedir(tasks);
-    return count;
-}
-
 // Rotate mode uploads from threads of this process, and its end stops and
 // removes the capture files and the upload route: the tool stays until
 // those threads have ended, or they would die with it half way.
 void wait_for_rotate_end(const CaptureRecord &record) {
     if (record.mode != 1) return;
     int polls = 0;
-    for (; polls < CHAIN_END_POLLS && rotate_threads() > 0; ++polls) usleep(POLL_US);
+    for (; polls < CHAIN_END_POLLS && count_rotate_threads() > 0; ++polls) usleep(POLL_US);
     if (polls == CHAIN_END_POLLS)
         warn("rotate mode's upload threads did not end in time; leaving them behind");
     else

@@ -70,8 +70,6 @@ void zq_diag_msg_reset();
 // ---- Permit and guards ---------------------------------------------------
 int release_permit();
 namespace zq {
-// True while this process holds the permit it took with get_diag_permit.
-bool permit_taken_here();
 // The library's own release points (the "end" step, a capture's stop or
 // failed start, the end of rotate mode) give the permit back only when this
 // process took it and has not given it back since; otherwise they log a

@@ -95,8 +95,6 @@ int release_diag_permit() {
 
 namespace zq {
 
-bool permit_taken_here() { return taken_here.load(std::memory_order_acquire); }
-
 int release_own_permit(const char *who) {
     if (!taken_here.exchange(false, std::memory_order_acq_rel)) {
         ZQ_LOG_AS(who, "the permit was not taken here or was given back already: left as it is");

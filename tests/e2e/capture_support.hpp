@@ -4,35 +4,11 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <dirent.h>
-#include <string>
 
 #include "capture/capture.h"
 #include "zq_diag.h"
 
 namespace e2e {
-
-// The threads of rotate mode's chain, the library's in this process, which
-// carry names of their own.
-inline int rotate_threads() {
-    DIR *tasks = opendir("/proc/self/task");
-    if (!tasks) return 0;
-    int count = 0;
-    while (const dirent *entry = readdir(tasks)) {
-        if (entry->d_name[0] == '.') continue;
-        const std::string path = std::string("/proc/self/task/") + entry->d_name + "/comm";
-        FILE *comm = fopen(path.c_str(), "r");
-        if (!comm) continue;
-        char name[32] = {};
-        if (fgets(name, sizeof(name), comm) &&
-            strncmp(name, ZQ_ROTATE_THREAD_PREFIX, strlen(ZQ_ROTATE_THREAD_PREFIX)) == 0)
-            ++count;
-        fclose(comm);
-    }
-    closedir(tasks);
-    return count;
-}
 
 // Starts a user capture (mode 0 single, 1 rotate) on all interfaces through
 // the capture block, with the lab's FTP server for rotate mode's uploads.
@@ -52,6 +28,6 @@ inline int start_capture(uint32_t mode) {
 // and the route before its thread ends, and the uploader has finished its
 // last transfer. (The journal's last route command is no sign: an upload
 // that outlasts the end's wait adds its route after the end's removal.)
-inline bool rotate_chain_ended() { return rotate_threads() == 0; }
+inline bool rotate_chain_ended() { return count_rotate_threads() == 0; }
 
 } // namespace e2e
