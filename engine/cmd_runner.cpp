@@ -142,6 +142,17 @@ int zq_get_cmd_raw_data(zq_diag_args args) {
     return 0;
 }
 
+namespace {
+// A command of at least two characters and its terminator, and room for a
+// line of output.
+constexpr zq::envoy_rules CMD_RULES = {
+    {zq::NEED_IN | zq::NEED_OUT | zq::IN_MIN | zq::OUT_MIN, 3, 64}, zq::ANY_BLOCK, zq::ANY_BLOCK, zq::ANY_BLOCK};
+} // namespace
+
+const zq::method_descriptor zq::cmd_method = {
+    .entry = {.name = "cmd", .raw_data = zq_get_cmd_raw_data, .envoy = zq::envoy<CMD_RULES>},
+};
+
 void write_cmd_log(const char *cmd, const char *output, uint64_t output_size) {
     if (do_not_generate_log || !cmd || !output) return;
     FILE *log = fopen(ZQ_CMD_LOG_PATH, "a");
@@ -154,7 +165,7 @@ void write_cmd_log(const char *cmd, const char *output, uint64_t output_size) {
 
 int zq_get_cmd_buff(const char *cmd, void *out, uint64_t out_size) {
     if (!cmd) return -1;
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, strlen(cmd) + 1, out, out_size));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, strlen(cmd) + 1, out, out_size));
     return 0;
 }
 
@@ -166,7 +177,7 @@ char *zq_get_cmd_result(const char *cmd) {
         return zq_cmd_result_buff;
     }
     zq::copy(copy, cmd);
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA,
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA,
                     zq_args(copy, sizeof(copy), zq_cmd_result_buff, sizeof(zq_cmd_result_buff)));
     return zq_cmd_result_buff;
 }

@@ -8,21 +8,98 @@
 
 #include "zq_diag.h"
 
-// ---- Method table --------------------------------------------------------
+// ---- Methods and dispatch -----------------------------------------------
 using zq_action_fn = int (*)(zq_diag_args args);
 using zq_envoy_fn = int (*)(uint32_t action, zq_diag_args args);
 
+// One entry of the method table: the name, the four action slots (raw data,
+// structure, diagnosis, fix; empty where the method has no such action) and
+// the validator. Descriptors name only the slots they fill.
 struct zq_diag_method {
-    char name[32];
-    zq_action_fn raw_data;
-    zq_action_fn get_struct;
-    zq_action_fn diag;
-    zq_action_fn fix;
-    zq_envoy_fn envoy;
+    char name[32] = {};
+    zq_action_fn raw_data = nullptr;
+    zq_action_fn get_struct = nullptr;
+    zq_action_fn diag = nullptr;
+    zq_action_fn fix = nullptr;
+    zq_envoy_fn envoy = nullptr;
 };
 
-constexpr uint64_t ZQ_METHOD_COUNT = 12;
-extern const zq_diag_method zq_method_table[ZQ_METHOD_COUNT];
+namespace zq {
+// A condition of a path search, read from the records the run stored so far:
+// non-zero when the method is to be taken.
+using condition_fn = int (*)();
+
+// A method whole, as its own file describes it: its table entry and when the
+// path searches take it. The engine names no method; it reaches them through
+// the registry below, which the layer above assembles.
+struct method_descriptor {
+    zq_diag_method entry;
+    condition_fn diag_when = nullptr; // on the diagnosis path (null: always)
+    condition_fn fix_when = nullptr;  // on the fix path, and whether a repair is on offer
+};
+
+// A diagnosis mode's filter list (mode 0 and unknown modes: no filter).
+struct mode_filter {
+    uint64_t count;
+    const method_descriptor *methods[3];
+};
+
+template <class T> struct table_view {
+    const T *items;
+    uint64_t count;
+    const T *begin() const { return items; }
+    const T *end() const { return items + count; }
+};
+
+struct method_registry {
+    table_view<const method_descriptor *> table;     // dispatch, by index
+    table_view<const method_descriptor *> diag_path; // in the order taken
+    table_view<const method_descriptor *> fix_path;
+    table_view<const method_descriptor *> fix_offers; // is_zq_fix_available
+    table_view<mode_filter> modes;                    // indexed by mode
+};
+// Defined by the methods' layer (methods/method_table.cpp).
+extern const method_registry registry;
+// A path search's visited flags: one per method of the path and one for
+// its end step.
+constexpr uint64_t PATH_SLOTS = 32;
+// The step that closes every path; not a method.
+constexpr const char *END_STEP = "end";
+
+// The command runner's own method, through which every shell command with
+// output is run (engine/cmd_runner.cpp), and its name.
+extern const method_descriptor cmd_method;
+inline constexpr const char *CMD_METHOD = cmd_method.entry.name;
+
+// A validator's rules: what the argument block must hold for each of the
+// four actions (actions above 3 always pass; the dispatcher refuses them).
+enum : uint8_t {
+    NEED_IN = 1,    // in_buf non-null
+    NEED_OUT = 2,   // out_buf non-null
+    IN_EXACT = 4,   // in_size == in
+    IN_MIN = 8,     // in_size >= in
+    OUT_EXACT = 16, // out_size == out
+    OUT_MIN = 32,   // out_size >= out
+};
+struct envoy_rule {
+    uint8_t checks;
+    uint64_t in;
+    uint64_t out;
+};
+using envoy_rules = envoy_rule[4];
+constexpr envoy_rule ANY_BLOCK{0, 0, 0};
+constexpr envoy_rule out_exact(uint64_t out) { return {NEED_OUT | OUT_EXACT, 0, out}; }
+constexpr envoy_rule in_out_exact(uint64_t in, uint64_t out) {
+    return {NEED_IN | NEED_OUT | IN_EXACT | OUT_EXACT, in, out};
+}
+constexpr envoy_rules OPEN_RULES = {ANY_BLOCK, ANY_BLOCK, ANY_BLOCK, ANY_BLOCK};
+// 0 when the block satisfies the action's rule, -4 otherwise.
+int envoy_check(const envoy_rules &rules, uint32_t action, const zq_diag_args &args);
+// The validator of a method whose rules are `Rules`.
+template <const envoy_rules &Rules> int envoy(uint32_t action, zq_diag_args args) {
+    return envoy_check(Rules, action, args);
+}
+} // namespace zq
 
 int zq_get_sys_diag(const char *method, uint32_t action, zq_diag_args args);
 int call_action_of_method(const char *method, uint32_t action, zq_diag_args args, uint64_t index);
@@ -32,20 +109,6 @@ int find_method_index(const char *method, uint64_t *index);
 inline zq_diag_args zq_args(const void *in, uint64_t in_size, void *out, uint64_t out_size) {
     return zq_diag_args{in, out, in_size, out_size};
 }
-
-// ---- Validators (one per method, driven by one rule table) ---------------
-int cmd_envoy(uint32_t action, zq_diag_args args);
-int port_status_envoy(uint32_t action, zq_diag_args args);
-int ping_envoy(uint32_t action, zq_diag_args args);
-int wan_status_envoy(uint32_t action, zq_diag_args args);
-int sys_status_envoy(uint32_t action, zq_diag_args args);
-int pon_status_envoy(uint32_t action, zq_diag_args args);
-int wan_params_envoy(uint32_t action, zq_diag_args args);
-int dns_status_envoy(uint32_t action, zq_diag_args args);
-int dhcp_config_envoy(uint32_t action, zq_diag_args args);
-int pppoe_status_envoy(uint32_t action, zq_diag_args args);
-int route_status_envoy(uint32_t action, zq_diag_args args);
-int dhcp_status_envoy(uint32_t action, zq_diag_args args);
 
 // ---- Command runner ------------------------------------------------------
 int zq_get_cmd_raw_data(zq_diag_args args);
@@ -94,12 +157,12 @@ void set_next_step(zq_diag_step *step, const char *method, uint32_t action);
 constexpr uint64_t ZQ_CUSTOM_PATH_SLOTS = 32;
 extern char custom_path_list[ZQ_CUSTOM_PATH_SLOTS][32];
 
-int wan_status_condition();
-int route_status_condition();
-int dns_status_condition();
-int pppoe_status_condition();
-int dhcp_status_condition();
-int wan_params_condition();
-int sys_status_fix_condition();
-int pon_status_fix_condition();
-int dhcp_config_fix_condition();
+// ---- Provided by the layers above ----------------------------------------
+// The records: a diagnosis run starts a new log and an empty chain, logs
+// every step, and dumps the chain into the log before its end step.
+void diag_file_init();
+void clear_diag_chain();
+void diag_log_record(zq_diag_step step);
+void load_chain_data_in_log();
+// The uploader: the worker of diagnose_set's upload action.
+void *diagnose_upload(void *);

@@ -1,68 +1,27 @@
 // The diagnosis and fix path searches: each call names the next step of a
-// run, walking a fixed table of methods whose conditions are read from the
+// run, walking the registry's paths of methods, whose conditions read the
 // records that earlier steps of the run stored.
 #include <cstring>
 
 #include "engine/engine.h"
 #include "engine/log.h"
 #include "engine/util.h"
-#include "records/records.h"
 
 char zq_running_method[32];
 char custom_path_list[ZQ_CUSTOM_PATH_SLOTS][32];
 
 namespace {
 
-using condition_fn = int (*)();
+using zq::method_descriptor;
+using path_view = zq::table_view<const method_descriptor *>;
+using zq::condition_fn;
 
-struct path_entry {
-    const char *method;
-    condition_fn condition; // null: always taken
-};
-
-constexpr path_entry DIAG_PATH[] = {
-    {"port_status", nullptr},
-    {"pon_status", nullptr},
-    {"wan_status", wan_status_condition},
-    {"route_status", route_status_condition},
-    {"dns_status", dns_status_condition},
-    {"pppoe_status", pppoe_status_condition},
-    {"dhcp_status", dhcp_status_condition},
-    {"wan_params", wan_params_condition},
-    {"dhcp_config", nullptr},
-    {"sys_status", nullptr},
-};
-constexpr path_entry FIX_PATH[] = {
-    {"sys_status", sys_status_fix_condition},
-    {"pon_status", pon_status_fix_condition},
-};
-constexpr size_t DIAG_END = sizeof(DIAG_PATH) / sizeof(DIAG_PATH[0]);
-constexpr size_t FIX_END = sizeof(FIX_PATH) / sizeof(FIX_PATH[0]);
-constexpr const char *END_STEP = "end";
+using zq::END_STEP;
 constexpr const char *CAPTURE_PARSE_PATH = "/tmp/capture_file/capture_parse";
 
 // Visited flags: an entry is decided (taken or skipped) once per run.
-uint8_t diag_visited[32];
-uint8_t fix_visited[32];
-
-// Filter lists of the diagnosis modes; mode 0 and unknown modes: no filter.
-struct mode_filter {
-    uint64_t count;
-    const char *names[3];
-};
-constexpr mode_filter MODE_FILTERS[] = {
-    {0, {}},
-    {1, {"port_status"}},
-    {1, {"pon_status"}},
-    {2, {"pon_status", "wan_status"}},
-    {1, {"sys_status"}},
-    {3, {"pon_status", "wan_status", "wan_params"}},
-    {3, {"pon_status", "wan_status", "dns_status"}},
-    {1, {"dhcp_config"}},
-    {3, {"pon_status", "wan_status", "pppoe_status"}},
-    {3, {"pon_status", "wan_status", "route_status"}},
-    {3, {"port_status", "pon_status", "wan_status"}},
-};
+uint8_t diag_visited[zq::PATH_SLOTS];
+uint8_t fix_visited[zq::PATH_SLOTS];
 
 void choose(zq_diag_step *step, const char *method, uint32_t action) {
     set_next_step(step, method, action);
@@ -71,13 +30,16 @@ void choose(zq_diag_step *step, const char *method, uint32_t action) {
 
 // Takes the first undecided entry that passes the filter and its condition.
 // Conditions are evaluated only for entries the walk actually reaches.
-bool take_next(const path_entry *path, size_t n, uint8_t *visited, zq_diag_step *step, uint32_t action) {
-    for (size_t i = 0; i < n; ++i) {
+// `when` picks the condition that this path asks of a method (null: taken).
+bool take_next(path_view path, condition_fn method_descriptor::*when, uint8_t *visited, zq_diag_step *step,
+               uint32_t action) {
+    for (uint64_t i = 0; i < path.count; ++i) {
         if (visited[i]) continue;
         visited[i] = 1;
-        const path_entry &entry = path[i];
-        if (is_in_custom_path(entry.method) && (!entry.condition || entry.condition())) {
-            choose(step, entry.method, action);
+        const method_descriptor &m = *path.items[i];
+        const condition_fn condition = m.*when;
+        if (is_in_custom_path(m.entry.name) && (!condition || condition())) {
+            choose(step, m.entry.name, action);
             return true;
         }
     }
@@ -86,7 +48,7 @@ bool take_next(const path_entry *path, size_t n, uint8_t *visited, zq_diag_step 
 
 // A run starts with an empty step name; its first call takes the permit and
 // resets the run's visited flags. False when the permit was refused.
-bool start_run(const char *search, uint8_t (&visited)[32]) {
+bool start_run(const char *search, uint8_t (&visited)[zq::PATH_SLOTS]) {
     if (get_diag_permit() != 0) {
         ZQ_LOG_AS(search, "get diag permit fail");
         return false;
@@ -128,10 +90,11 @@ int custom_path(const char *names, uint64_t count) {
 
 void init_diag_path(uint32_t mode) {
     memset(custom_path_list, 0, sizeof(custom_path_list));
-    if (mode == 0 || mode >= sizeof(MODE_FILTERS) / sizeof(MODE_FILTERS[0])) return;
-    const mode_filter &filter = MODE_FILTERS[mode];
+    const auto &modes = zq::registry.modes;
+    if (mode == 0 || mode >= modes.count) return;
+    const zq::mode_filter &filter = modes.items[mode];
     char names[3][32] = {};
-    for (uint64_t i = 0; i < filter.count; ++i) zq::copy(names[i], filter.names[i]);
+    for (uint64_t i = 0; i < filter.count; ++i) zq::copy(names[i], filter.methods[i]->entry.name);
     custom_path(names[0], filter.count);
 }
 
@@ -150,81 +113,29 @@ int zq_diag_path_search(zq_diag_step *step) {
         diag_file_init();
         clear_diag_chain();
     }
-    if (take_next(DIAG_PATH, DIAG_END, diag_visited, step, ACTION_DIAG)) return 1;
-    if (diag_visited[DIAG_END]) return 0;
+    const path_view path = zq::registry.diag_path;
+    if (take_next(path, &method_descriptor::diag_when, diag_visited, step, ACTION_DIAG)) return 1;
+    if (diag_visited[path.count]) return 0;
     // Before the end step: dump the run's records, drop the filter and the
     // decoded capture.
     load_chain_data_in_log();
     memset(custom_path_list, 0, sizeof(custom_path_list));
     if (zq::file_exists(CAPTURE_PARSE_PATH)) zq_system("rm /tmp/capture_file/capture_parse");
-    return take_end(diag_visited[DIAG_END], step, ACTION_DIAG) ? 1 : 0;
+    return take_end(diag_visited[path.count], step, ACTION_DIAG) ? 1 : 0;
 }
 
 int zq_fix_path_search(zq_diag_step *step) {
     if (!step) return 0; // as in zq_diag_path_search
     if (starts_run(step) && !start_run(__func__, fix_visited)) return 0;
-    if (take_next(FIX_PATH, FIX_END, fix_visited, step, ACTION_FIX)) return 1;
-    return take_end(fix_visited[FIX_END], step, ACTION_FIX) ? 1 : 0;
+    const path_view path = zq::registry.fix_path;
+    if (take_next(path, &method_descriptor::fix_when, fix_visited, step, ACTION_FIX)) return 1;
+    return take_end(fix_visited[path.count], step, ACTION_FIX) ? 1 : 0;
 }
 
-// ---- Conditions: read from the records stored so far -----------------------
-
-int wan_status_condition() {
-    return any_diag_record<zqSD_pon_diag>(__func__, [](const zqSD_pon_diag &r) { return r.reg_state == 0; });
+// A repair is on offer when one of the methods that offer one finds
+// something to repair.
+int is_zq_fix_available() {
+    for (const method_descriptor *m : zq::registry.fix_offers)
+        if (m->fix_when && m->fix_when()) return 1;
+    return 0;
 }
-
-int route_status_condition() {
-    return any_diag_record<zqSD_wan_diag>(__func__,
-                                          [](const zqSD_wan_diag &r) { return r.v4_gateway[0] != '\0'; });
-}
-
-int dns_status_condition() {
-    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
-        return r.v4_conn_state <= WAN_CONNECT_UNSTABLE && zq::contains(r.service_type, "INTERNET") &&
-               zq::contains(r.protocol, "v4");
-    });
-}
-
-int pppoe_status_condition() {
-    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
-        return zq::contains(r.type, "ppp") && r.v4_conn_state > WAN_CONNECT_UNSTABLE;
-    });
-}
-
-int dhcp_status_condition() {
-    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
-        return zq::contains(r.type, "dhcp") && r.v4_conn_state > WAN_CONNECT_UNSTABLE;
-    });
-}
-
-int wan_params_condition() {
-    return any_diag_record<zqSD_wan_diag>(
-        __func__, [](const zqSD_wan_diag &r) { return zq::contains(r.protocol, "IPv4"); });
-}
-
-namespace {
-constexpr uint32_t SYS_HIGH_MEMORY = 16;
-constexpr uint32_t SYS_HIGH_CPU = 32;
-constexpr uint32_t DHCP_SERVER_DOWN = 1;
-constexpr uint32_t PON_NOT_REGISTERED = 2;
-} // namespace
-
-// A system under memory or CPU pressure is never repaired automatically.
-int sys_status_fix_condition() {
-    return any_diag_record<zqSD_sys_diag>(__func__, [](const zqSD_sys_diag &r) {
-        return r.fault_flags != 0 && (r.fault_flags & (SYS_HIGH_MEMORY | SYS_HIGH_CPU)) == 0;
-    });
-}
-
-int pon_status_fix_condition() {
-    return any_diag_record<zqSD_pon_diag>(
-        __func__, [](const zqSD_pon_diag &r) { return r.reg_state == PON_NOT_REGISTERED; });
-}
-
-int dhcp_config_fix_condition() {
-    return any_diag_record<zqSD_dhcp_diag>(__func__, [](const zqSD_dhcp_diag &r) {
-        return r.fault_flags != 0 && (r.fault_flags & DHCP_SERVER_DOWN) == 0;
-    });
-}
-
-int is_zq_fix_available() { return dhcp_config_fix_condition() || sys_status_fix_condition() ? 1 : 0; }

@@ -8,8 +8,6 @@
 #include "engine/exec_block.h"
 #include "engine/log.h"
 #include "engine/util.h"
-#include "records/records.h"
-#include "upload/upload.h"
 
 diag_exec_ctl g_diag_exec;
 diag_exec_ctl g_cap_exec;

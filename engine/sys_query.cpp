@@ -22,7 +22,7 @@ uint64_t zq_get_pid(const char *name) {
     char cmd[128] = {};
     char out[128] = {};
     ZQ_FORMAT(cmd, "pgrep %s", name);
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
     if (out[0] == '\0') return 0;
     return zq::parse_u64_prefix(zq::view(out));
 }

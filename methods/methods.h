@@ -1,12 +1,28 @@
-// Action slots of the diagnosis methods, referenced by the method table, and
-// the few helpers that methods share.
+// The diagnosis methods: each one's descriptor (defined in its own file and
+// gathered into the registry by method_table.cpp), its action slots, and the
+// few helpers that methods share.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "engine/engine.h"
 #include "zq_diag.h"
+
+namespace zq {
+extern const method_descriptor port_status_method;
+extern const method_descriptor ping_method;
+extern const method_descriptor wan_status_method;
+extern const method_descriptor sys_status_method;
+extern const method_descriptor pon_status_method;
+extern const method_descriptor wan_params_method;
+extern const method_descriptor dns_status_method;
+extern const method_descriptor dhcp_config_method;
+extern const method_descriptor pppoe_status_method;
+extern const method_descriptor route_status_method;
+extern const method_descriptor dhcp_status_method;
+} // namespace zq
 
 // pon_status
 int zq_get_pon_status_struct(zq_diag_args args);

@@ -10,6 +10,9 @@
 
 namespace zq {
 
+// The word is 4 bytes: what a diagnosis or fix step's block must hold.
+constexpr uint64_t RESULT_WORD_SIZE = sizeof(uint32_t);
+
 inline uint32_t read_result(const zq_diag_args &args) {
     uint32_t result = 0;
     if (args.out_buf && args.out_size >= sizeof(result)) memcpy(&result, args.out_buf, sizeof(result));

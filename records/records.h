@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "engine/engine.h"
 #include "engine/log.h"
 #include "zq_diag.h"
 
@@ -13,7 +14,8 @@ int zq_diag_record(uint32_t type, const void *data, uint64_t size);
 diag_data_node *search_single_record(uint32_t type);
 int add_to_chain(uint32_t type, diag_data_node *node);
 void chain_index_readjust(uint32_t type);
-void clear_diag_chain();
+// clear_diag_chain, like the log's diag_file_init, diag_log_record and
+// load_chain_data_in_log, is declared by the engine that calls it.
 
 // The record type of each record structure, with the names its log lines use.
 template <class T> struct zq_record_traits;
@@ -60,9 +62,6 @@ template <class T, class Pred> bool any_diag_record(const char *reader, Pred &&p
 // ---- Diagnosis log and package --------------------------------------------
 constexpr const char *ZQ_DIAG_DIR = "/tmp/diag_file/";
 constexpr const char *ZQ_DIAG_LOG_PATH = "/tmp/diag_file/diag_log";
-void diag_file_init();
-void diag_log_record(zq_diag_step step);
-void load_chain_data_in_log();
 void load_port_diag(FILE *file);
 void load_pon_diag(FILE *file);
 void load_wan_diag(FILE *file);

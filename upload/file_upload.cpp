@@ -32,7 +32,7 @@ constexpr const char *WPUT_NOT_SENT[] = {"failed", "Skipped"};
 
 // Runs `cmd` through the command method into `out`.
 template <size_t N, size_t M> void run_cmd(const char (&cmd)[N], char (&out)[M]) {
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, N, out, M));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, N, out, M));
 }
 
 using zq::terminated;

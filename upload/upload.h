@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "engine/engine.h"
 #include "upload/upload_words.h"
 #include "zq_diag.h"
 
@@ -32,7 +33,8 @@ constexpr const char *ZQ_FTP_SCRIPT_PATH = "/tmp/run_ftp.sh";
 // The upload workers, started by diagnose_set and capture_set with their
 // block's worker as handle. Each detaches itself; at its end it sets the
 // block's state (3 sent, 5 failed) and file_name, and clears worker.
-void *diagnose_upload(void *);
+// diagnose_upload, the worker of diagnose_set's upload action, is declared
+// by the engine that starts it.
 void *capture_upload(void *);
 void diagnose_upload_setting(upload_params *p);
 void capture_upload_setting(upload_params *p);

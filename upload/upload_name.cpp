@@ -99,7 +99,7 @@ int zq_get_timestamps(char *out) {
         return -1;
     }
     char date[ZQ_TIMESTAMP_SIZE] = {};
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args("date", sizeof("date"), date, sizeof(date)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args("date", sizeof("date"), date, sizeof(date)));
     if (date[0] == '\0') {
         ZQ_LOG("cannot find date");
         return -1;

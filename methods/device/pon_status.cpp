@@ -169,3 +169,25 @@ int set_pon_debug_flag(int on) {
 }
 
 int is_pon_auth_normal() { return zq::contains(get_pon_info("pon_state"), "NORMAL") ? 1 : 0; }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules PON_RULES = {zq::ANY_BLOCK, zq::out_exact(PON_BLOCK_SIZE),
+                                       zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
+
+// An unregistered PON is re-registered by the fix path.
+int pon_status_fix_condition() {
+    return any_diag_record<zqSD_pon_diag>(
+        __func__, [](const zqSD_pon_diag &r) { return r.reg_state == PON_NOT_REGISTERED; });
+}
+} // namespace
+
+const zq::method_descriptor zq::pon_status_method = {
+    .entry = {.name = "pon_status",
+              .get_struct = zq_get_pon_status_struct,
+              .diag = zq_get_pon_status_diag,
+              .fix = zq_get_pon_status_fix,
+              .envoy = zq::envoy<PON_RULES>},
+    .fix_when = pon_status_fix_condition,
+};

@@ -73,3 +73,17 @@ int zq_get_port_status_diag(zq_diag_args args) {
     zq_diag_msg_printf(DIAG_MSG_ERROR, "All ports down");
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules PORT_RULES = {zq::ANY_BLOCK, zq::in_out_exact(sizeof(uint32_t), sizeof(zqSD_port_diag)),
+                                        zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
+} // namespace
+
+const zq::method_descriptor zq::port_status_method = {
+    .entry = {.name = "port_status",
+              .get_struct = zq_get_port_status_struct,
+              .diag = zq_get_port_status_diag,
+              .envoy = zq::envoy<PORT_RULES>},
+};

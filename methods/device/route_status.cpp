@@ -7,6 +7,7 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "methods/methods.h"
+#include "methods/result_word.h"
 #include "records/records.h"
 
 namespace {
@@ -82,7 +83,7 @@ int zq_get_route_status_struct(zq_diag_args args) {
     }
     char cmd[16] = "route -n";
     char text[ROUTE_TEXT_SIZE] = {};
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), text, sizeof(text)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), text, sizeof(text)));
     route_table table;
     memcpy(&table, args.out_buf, sizeof(table));
     parse_route_table(zq::view(text), table);
@@ -93,8 +94,7 @@ int zq_get_route_status_struct(zq_diag_args args) {
 int zq_get_route_status_diag(zq_diag_args args) {
     route_table table = {};
     zq_get_sys_diag("route_status", ACTION_STRUCT, zq_args(nullptr, 0, &table, sizeof(table)));
-    uint32_t result = 0;
-    memcpy(&result, args.out_buf, sizeof(result));
+    uint32_t result = zq::read_result(args);
     list_diag_record<zqSD_wan_diag>(__func__, [&](zqSD_wan_diag &wan) {
         if (!zq::contains(wan.type, "route") || !zq::contains(wan.protocol, "IPv4")) return false;
         const std::string_view name = zq::view(wan.wan_name);
@@ -118,6 +118,26 @@ int zq_get_route_status_diag(zq_diag_args args) {
                            name.data());
         return false;
     });
-    memcpy(args.out_buf, &result, sizeof(result));
+    zq::write_result(args, result);
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules ROUTE_RULES = {zq::out_exact(sizeof(route_table)), zq::ANY_BLOCK,
+                                         zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
+
+int route_status_condition() {
+    return any_diag_record<zqSD_wan_diag>(__func__,
+                                          [](const zqSD_wan_diag &r) { return r.v4_gateway[0] != '\0'; });
+}
+} // namespace
+
+const zq::method_descriptor zq::route_status_method = {
+    .entry = {.name = "route_status",
+              .get_struct = zq_get_route_status_struct,
+              .diag = zq_get_route_status_diag,
+              .envoy = zq::envoy<ROUTE_RULES>},
+    .diag_when = route_status_condition,
+};

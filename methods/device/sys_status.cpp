@@ -82,7 +82,7 @@ void read_memory(zqSD_sys_diag &block) {
     char cmd[128] = {};
     char out[128] = {};
     ZQ_FORMAT(cmd, "%s", "free | grep Mem");
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
     parse_mem_line(zq::view(out), block);
 }
 
@@ -270,7 +270,7 @@ int is_tr069_enable() {
 
 int if_multi_udhcpd_exist() {
     char out[512] = {};
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA,
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA,
                     zq_args(UDHCPD_LISTING_CMD, sizeof(UDHCPD_LISTING_CMD), out, sizeof(out)));
     if (out[0] == '\0') return 0;
     if (zq::contains(out, "not found")) {
@@ -354,3 +354,26 @@ int fix_multi_udhcpd() {
     zq_system("/bin/udhcpd -S /var/udhcpd/udhcpd.conf&");
     return if_multi_udhcpd_exist() ? -1 : 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules SYS_RULES = {zq::ANY_BLOCK, zq::out_exact(SYS_BLOCK_SIZE),
+                                       zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
+
+// A system under memory or CPU pressure is never repaired automatically.
+int sys_status_fix_condition() {
+    return any_diag_record<zqSD_sys_diag>(__func__, [](const zqSD_sys_diag &r) {
+        return r.fault_flags != 0 && (r.fault_flags & (HIGH_MEMORY | HIGH_CPU)) == 0;
+    });
+}
+} // namespace
+
+const zq::method_descriptor zq::sys_status_method = {
+    .entry = {.name = "sys_status",
+              .get_struct = zq_get_sys_status_struct,
+              .diag = zq_get_sys_status_diag,
+              .fix = zq_get_sys_status_fix,
+              .envoy = zq::envoy<SYS_RULES>},
+    .fix_when = sys_status_fix_condition,
+};

@@ -5,6 +5,7 @@
 #include "engine/engine.h"
 #include "engine/util.h"
 #include "methods/methods.h"
+#include "methods/result_word.h"
 #include "records/records.h"
 
 namespace {
@@ -50,6 +51,23 @@ int zq_get_wan_params_diag(zq_diag_args args) {
         wan.params_state = result;
         return false;
     });
-    memcpy(args.out_buf, &result, sizeof(result));
+    zq::write_result(args, result);
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules WAN_PARAMS_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, zq::out_exact(zq::RESULT_WORD_SIZE),
+                                              zq::ANY_BLOCK};
+
+int wan_params_condition() {
+    return any_diag_record<zqSD_wan_diag>(
+        __func__, [](const zqSD_wan_diag &r) { return zq::contains(r.protocol, "IPv4"); });
+}
+} // namespace
+
+const zq::method_descriptor zq::wan_params_method = {
+    .entry = {.name = "wan_params", .diag = zq_get_wan_params_diag, .envoy = zq::envoy<WAN_PARAMS_RULES>},
+    .diag_when = wan_params_condition,
+};

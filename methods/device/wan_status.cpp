@@ -190,3 +190,23 @@ uint32_t wan_verdict_level(uint32_t verdict) {
     if (verdict == WAN_CONNECT_NORMAL) return DIAG_MSG_NORMAL;
     return verdict == WAN_CONNECT_UNSTABLE ? DIAG_MSG_WARN : DIAG_MSG_ERROR;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules WAN_RULES = {zq::ANY_BLOCK, zq::in_out_exact(sizeof(uint32_t), WAN_BLOCK_SIZE),
+                                       zq::ANY_BLOCK, zq::ANY_BLOCK};
+
+// The WANs are looked at once some PON is registered (state 0).
+int wan_status_condition() {
+    return any_diag_record<zqSD_pon_diag>(__func__, [](const zqSD_pon_diag &r) { return r.reg_state == 0; });
+}
+} // namespace
+
+const zq::method_descriptor zq::wan_status_method = {
+    .entry = {.name = "wan_status",
+              .get_struct = zq_get_wan_status_struct,
+              .diag = zq_get_wan_status_diag,
+              .envoy = zq::envoy<WAN_RULES>},
+    .diag_when = wan_status_condition,
+};

@@ -115,6 +115,8 @@ bool gateway_not_server(const zqSD_dhcp_diag &b) {
     return b.server_running != 0 && zq::view(b.ip_addr) != zq::view(b.gateway);
 }
 
+enum : uint32_t { SERVER_OFF = 1, POOL_OUTSIDE_SUBNET = 2, GATEWAY_NOT_SERVER = 4 };
+
 struct server_check {
     uint32_t bit;
     uint32_t level;
@@ -123,10 +125,10 @@ struct server_check {
 };
 
 constexpr server_check SERVER_CHECKS[] = {
-    {1, DIAG_MSG_WARN, "\"Enable DHCP Server\" in the \"LAN\" configuration is disable", server_off},
-    {2, DIAG_MSG_ERROR, "The address pool network segment is inconsistent with the ONU LAN network segment",
+    {SERVER_OFF, DIAG_MSG_WARN, "\"Enable DHCP Server\" in the \"LAN\" configuration is disable", server_off},
+    {POOL_OUTSIDE_SUBNET, DIAG_MSG_ERROR, "The address pool network segment is inconsistent with the ONU LAN network segment",
      pool_outside_subnet},
-    {4, DIAG_MSG_ERROR, "The assigned gateway is different from the IP address", gateway_not_server},
+    {GATEWAY_NOT_SERVER, DIAG_MSG_ERROR, "The assigned gateway is different from the IP address", gateway_not_server},
 };
 
 // The LAN-side interfaces by their bit in a WAN's itfGroup.
@@ -142,7 +144,7 @@ uint32_t lan_dhcp_disabled_by_wans() {
     char cmd[128] = {};
     char out[256] = {};
     ZQ_FORMAT(cmd, "%s", DHCPS_DISABLE_CMD);
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
     if (!zq::contains(out, "-i")) return 0;
 
     uint32_t disabled = 0;
@@ -228,3 +230,26 @@ int zq_get_dhcp_config_diag(zq_diag_args) {
 
 // The server's configuration is the user's to change; nothing is repaired.
 int zq_get_dhcp_config_fix(zq_diag_args) { return 0; }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules DHCP_CONFIG_RULES = {zq::ANY_BLOCK, zq::out_exact(DHCP_BLOCK_SIZE), zq::ANY_BLOCK,
+                                               zq::ANY_BLOCK};
+
+// A server that is switched off is the user's choice: no repair is offered.
+int dhcp_config_fix_condition() {
+    return any_diag_record<zqSD_dhcp_diag>(__func__, [](const zqSD_dhcp_diag &r) {
+        return r.fault_flags != 0 && (r.fault_flags & SERVER_OFF) == 0;
+    });
+}
+} // namespace
+
+const zq::method_descriptor zq::dhcp_config_method = {
+    .entry = {.name = "dhcp_config",
+              .get_struct = zq_get_dhcp_config_struct,
+              .diag = zq_get_dhcp_config_diag,
+              .fix = zq_get_dhcp_config_fix,
+              .envoy = zq::envoy<DHCP_CONFIG_RULES>},
+    .fix_when = dhcp_config_fix_condition,
+};

@@ -100,3 +100,18 @@ int zq_get_dhcp_status_diag(zq_diag_args) {
     });
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+int dhcp_status_condition() {
+    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
+        return zq::contains(r.type, "dhcp") && r.v4_conn_state > WAN_CONNECT_UNSTABLE;
+    });
+}
+} // namespace
+
+const zq::method_descriptor zq::dhcp_status_method = {
+    .entry = {.name = "dhcp_status", .diag = zq_get_dhcp_status_diag, .envoy = zq::envoy<zq::OPEN_RULES>},
+    .diag_when = dhcp_status_condition,
+};

@@ -77,3 +77,19 @@ int zq_get_dns_status_diag(zq_diag_args) {
     });
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+int dns_status_condition() {
+    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
+        return r.v4_conn_state <= WAN_CONNECT_UNSTABLE && zq::contains(r.service_type, "INTERNET") &&
+               zq::contains(r.protocol, "v4");
+    });
+}
+} // namespace
+
+const zq::method_descriptor zq::dns_status_method = {
+    .entry = {.name = "dns_status", .diag = zq_get_dns_status_diag, .envoy = zq::envoy<zq::OPEN_RULES>},
+    .diag_when = dns_status_condition,
+};

@@ -9,6 +9,7 @@
 #include "engine/outside_text.h"
 #include "engine/util.h"
 #include "methods/methods.h"
+#include "methods/result_word.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ int zq_get_ping_raw_data(zq_diag_args args) {
     char cmd[256] = {};
     ZQ_FORMAT(cmd, "timeout -t 10 ping %s -c 5 -W 1 %.*s %s | grep transmit -A 2",
               req.family == 6 ? "-6" : "-4", static_cast<int>(host.size()), host.data(), option);
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), args.out_buf, args.out_size));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), args.out_buf, args.out_size));
     return 0;
 }
 
@@ -127,8 +128,7 @@ int zq_get_ping_struct(zq_diag_args args) {
 int zq_get_ping_diag(zq_diag_args args) {
     ping_result result = {};
     zq_get_sys_diag("ping", ACTION_STRUCT, zq_args(args.in_buf, args.in_size, &result, sizeof(result)));
-    const uint32_t verdict = ping_verdict(result);
-    memcpy(args.out_buf, &verdict, sizeof(verdict));
+    zq::write_result(args, ping_verdict(result));
     return 0;
 }
 
@@ -141,3 +141,23 @@ uint32_t ping_request_verdict(uint8_t family, std::string_view host, std::string
     zq_get_sys_diag("ping", ACTION_DIAG, zq_args(&request, sizeof(request), &verdict, sizeof(verdict)));
     return verdict;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+// The raw output needs room for ping's statistics lines.
+constexpr zq::envoy_rules PING_RULES = {
+    {zq::NEED_IN | zq::NEED_OUT | zq::IN_EXACT | zq::OUT_MIN, sizeof(ping_request), 256},
+    zq::in_out_exact(sizeof(ping_request), sizeof(ping_result)),
+    zq::in_out_exact(sizeof(ping_request), zq::RESULT_WORD_SIZE),
+    zq::ANY_BLOCK,
+};
+} // namespace
+
+const zq::method_descriptor zq::ping_method = {
+    .entry = {.name = "ping",
+              .raw_data = zq_get_ping_raw_data,
+              .get_struct = zq_get_ping_struct,
+              .diag = zq_get_ping_diag,
+              .envoy = zq::envoy<PING_RULES>},
+};

@@ -9,6 +9,7 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "methods/methods.h"
+#include "methods/result_word.h"
 #include "methods/network/pppoe_analysis.h"
 #include "records/records.h"
 
@@ -141,7 +142,7 @@ uint32_t report_requested_service() {
     char cmd[SERVICE_CMD_SIZE] = {};
     char out[SERVICE_OUT_SIZE] = {};
     ZQ_FORMAT(cmd, "cat %s | grep \"%s\" ", ZQ_CAPTURE_PARSE, "PADI");
-    zq_get_sys_diag("cmd", ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
+    zq_get_sys_diag(zq::CMD_METHOD, ACTION_RAW_DATA, zq_args(cmd, sizeof(cmd), out, sizeof(out)));
     service_name name{};
     if (get_padi_service_name(out, name))
         zq_diag_msg_printf(DIAG_MSG_WARN, "\tIt has a specified service-name: %s", name);
@@ -168,10 +169,6 @@ constexpr text_rule TEXT_RULES[] = {
 
 constexpr uint32_t CONNECTED_MAX = WAN_CONNECT_UNSTABLE;
 
-void write_result(const zq_diag_args &args, uint32_t result) {
-    if (args.out_buf && args.out_size >= sizeof(result)) memcpy(args.out_buf, &result, sizeof(result));
-}
-
 void diagnose_connection(zqSD_wan_diag &wan, const zq_diag_args &args) {
     const std::string_view name = zq::view(wan.wan_name);
     const bool up = wan.v4_conn_state <= CONNECTED_MAX;
@@ -191,7 +188,7 @@ void diagnose_connection(zqSD_wan_diag &wan, const zq_diag_args &args) {
         return;
     }
     const uint32_t verdict = zq_check_pppoe_error();
-    write_result(args, verdict);
+    zq::write_result(args, verdict);
     wan.pppoe_state = verdict;
 }
 
@@ -378,10 +375,28 @@ uint32_t zq_check_pppoe_error() {
 int pppoe_filter_special(const char *interface) { return filter_special(interface, PPPOE_IFINDEX_FILTER); }
 
 int zq_get_pppoe_diag(zq_diag_args args) {
-    write_result(args, PPPOE_ANALYSED);
+    zq::write_result(args, PPPOE_ANALYSED);
     list_diag_record<zqSD_wan_diag>(DIAG_ACTION, [&](zqSD_wan_diag &wan) {
         if (zq::contains(wan.type, "route-ppp")) diagnose_connection(wan, args);
         return false;
     });
     return 0;
 }
+
+// ---- Descriptor -------------------------------------------------------------
+
+namespace {
+constexpr zq::envoy_rules PPPOE_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, zq::out_exact(zq::RESULT_WORD_SIZE),
+                                         zq::ANY_BLOCK};
+
+int pppoe_status_condition() {
+    return any_diag_record<zqSD_wan_diag>(__func__, [](const zqSD_wan_diag &r) {
+        return zq::contains(r.type, "ppp") && r.v4_conn_state > WAN_CONNECT_UNSTABLE;
+    });
+}
+} // namespace
+
+const zq::method_descriptor zq::pppoe_status_method = {
+    .entry = {.name = "pppoe_status", .diag = zq_get_pppoe_diag, .envoy = zq::envoy<PPPOE_RULES>},
+    .diag_when = pppoe_status_condition,
+};

@@ -37,7 +37,8 @@ TEST(Dispatcher, UnknownNamesAreNotFound) {
 }
 
 TEST(Dispatcher, ActionsBeyondTheSlotsAreMissing) {
-    for (const auto &entry : zq_method_table) {
+    for (const zq::method_descriptor *m : zq::registry.table) {
+        const zq_diag_method &entry = m->entry;
         int rc = 0;
         std::string log = dispatch_log(entry.name, 4, {}, &rc);
         EXPECT_EQ(rc, -2) << entry.name;
