@@ -30,6 +30,8 @@
 #include "engine/engine.h"
 #include "zq_diag.h"
 
+using namespace zq;
+
 namespace {
 
 struct options {

@@ -13,6 +13,11 @@
 #include "engine/outside_text.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 constexpr unsigned START_SETTLE_US = 200000;
@@ -111,6 +116,8 @@ bool build_tcpdump_command(const tcpdump_req &req, char (&cmd)[ZQ_TCPDUMP_COMMAN
     return true;
 }
 
+} // namespace zq
+
 uint64_t get_max_size_of_tcpdump_file() {
     FILE *file = fopen(ZQ_CAPTURE_ALLOWANCE, "r");
     if (!file) return ZQ_MAX_ALLOWANCE;
@@ -134,6 +141,8 @@ long zq_get_file_size(const char *path) {
     return size < 0 ? 0 : size;
 }
 
+namespace zq {
+
 int check_tcpdump_run() {
     long budget_us = POLL_BUDGET_US;
     int failed_sleeps = 0;
@@ -151,6 +160,8 @@ int check_tcpdump_run() {
     if (failed_sleeps > 0) printf("usleep err: %s [%s %d]\n", strerror(sleep_errno), __func__, __LINE__);
     return -1;
 }
+
+} // namespace zq
 
 int stop_tcpdump_catch() {
     zq_system("pgrep tcpdump | xargs kill");
@@ -213,8 +224,8 @@ long packet_capture_file() {
     if (zq_get_file_size(ZQ_CAPTURE_PCAP) > 0) {
         packed = run_plan(PACK_SINGLE);
     } else {
-        const auto s0 = static_cast<unsigned long>(zq_get_file_size("/tmp/capture_file/capture.pcap0"));
-        const auto s1 = static_cast<unsigned long>(zq_get_file_size("/tmp/capture_file/capture.pcap1"));
+        const auto s0 = static_cast<unsigned long>(zq_get_file_size(ZQ_CAPTURE_PCAP0));
+        const auto s1 = static_cast<unsigned long>(zq_get_file_size(ZQ_CAPTURE_PCAP1));
         if (s0 == 0) {
             ZQ_LOG("packet capture file fail");
             return -1;
@@ -226,6 +237,8 @@ long packet_capture_file() {
     }
     return packed ? zq_get_file_size(ZQ_CAPTURE_TAR) : -1;
 }
+
+namespace zq {
 
 void get_tcpdump_parse(const char *filter) {
     if (zq::file_exists(ZQ_CAPTURE_PARSE)) zq_system("rm /tmp/capture_file/capture_parse");
@@ -314,3 +327,5 @@ int filter_special(const char *name, const char *ifindex_filter) {
     get_tcpdump_parse(filter);
     return 0;
 }
+
+} // namespace zq

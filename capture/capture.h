@@ -14,13 +14,12 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "engine/files.h"
 #include "engine/outside_text.h"
 #include "zq_diag.h"
 
-constexpr const char *ZQ_CAPTURE_DIR = "/tmp/capture_file/";
-constexpr const char *ZQ_CAPTURE_PCAP = "/tmp/capture_file/capture.pcap";
-constexpr const char *ZQ_CAPTURE_TAR = "/tmp/capture_file/capture.tar";
-constexpr const char *ZQ_CAPTURE_PARSE = "/tmp/capture_file/capture_parse";
+namespace zq {
+
 constexpr const char *ZQ_CAPTURE_ALLOWANCE = "/tmp/max_size_of_tcpdump_file";
 
 enum : uint32_t { CAPTURE_MODE_SINGLE = 0, CAPTURE_MODE_ROTATE = 1 };
@@ -124,3 +123,5 @@ int interface_index_of(const char *line);
 // `ifindex_filter` (one of the two above): 0, or -1 when the name is not a
 // plain interface name or its first decoded line gives the index 0.
 int filter_special(const char *name, const char *ifindex_filter);
+
+} // namespace zq

@@ -10,6 +10,11 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 enum : uint32_t { CAPTURE_STOP = 0, CAPTURE_START = 1, CAPTURE_UPLOAD = 2 };
@@ -135,6 +140,8 @@ int start_tcpdump_process() {
     return -1;
 }
 
+} // namespace zq
+
 // The block's worker slot is held while the request is carried out, so a
 // second caller of this process meanwhile finds the block busy; it is
 // handed on to the upload worker, or given back at the end.
@@ -160,6 +167,8 @@ int capture_abnormal_get() {
     return -1;
 }
 
+namespace zq {
+
 namespace {
 // The tcpdump of the user capture this process started last; 0 when none
 // runs for it. Written by the start and by the end points, read by the
@@ -174,3 +183,5 @@ void forget_user_capture() { __atomic_store_n(&user_capture_pid, 0, __ATOMIC_REL
 bool user_capture_alive() {
     return zq::process_alive_as(__atomic_load_n(&user_capture_pid, __ATOMIC_ACQUIRE), "tcpdump");
 }
+
+} // namespace zq

@@ -24,6 +24,11 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 char finished_capture_file[ZQ_FINISHED_NAME_SIZE];
 uint32_t capture_upload_count;
 upload_params continue_upload_params;
@@ -151,7 +156,11 @@ int start_upload_thread(uint32_t id) {
     return -1;
 }
 
+} // namespace zq
+
 void start_tcpdump_continue_uploading() { start_upload_thread(0); }
+
+namespace zq {
 
 int start_rotate_capture(tcpdump_req req) {
     req.catch_count = get_max_size_of_tcpdump_file();
@@ -308,3 +317,5 @@ void *watch_finish(void *) {
     del_upload_route(&continue_upload_params);
     return nullptr;
 }
+
+} // namespace zq

@@ -8,6 +8,8 @@
 
 #include "zq_diag.h"
 
+namespace zq {
+
 constexpr size_t ZQ_FINISHED_NAME_SIZE = 128;
 
 // Shared by the threads of the chain.
@@ -37,3 +39,5 @@ int check_if_file_finish_write(int fd);
 int find_finished_capture(const char *batch, size_t size, char (&name)[ZQ_FINISHED_NAME_SIZE]);
 // Sends the capture file `name` of the capture directory as cap_N.pcap.
 int upload_capture_file(const char *name);
+
+} // namespace zq

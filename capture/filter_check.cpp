@@ -23,6 +23,8 @@
 #include "capture/capture.h"
 #include "engine/util.h"
 
+namespace zq {
+
 namespace {
 
 constexpr const char *DECODE_FILTERS[] = {DHCP_DECODE_FILTER, PPPOE_DECODE_FILTER, DHCP_IFINDEX_FILTER,
@@ -113,3 +115,5 @@ bool is_decode_filter(std::string_view filter) {
         if (matches_template(pattern, filter)) return true;
     return false;
 }
+
+} // namespace zq

@@ -45,11 +45,9 @@ struct CaptureFile {
     const char *label;
 };
 constexpr CaptureFile CAPTURE_FILES[] = {
-    {"/tmp/capture_file/capture.pcap", "capture.pcap"},
-    {"/tmp/capture_file/capture.pcap0", "capture.pcap0"},
-    {"/tmp/capture_file/capture.pcap1", "capture.pcap1"},
-    {"/tmp/capture_file/capture.tar", "capture.tar"},
-    {"/tmp/capture_file/capture_parse", "capture_parse"},
+    {zq::ZQ_CAPTURE_PCAP, "capture.pcap"},   {zq::ZQ_CAPTURE_PCAP0, "capture.pcap0"},
+    {zq::ZQ_CAPTURE_PCAP1, "capture.pcap1"}, {zq::ZQ_CAPTURE_TAR, "capture.tar"},
+    {zq::ZQ_CAPTURE_PARSE, "capture_parse"},
 };
 
 bool tcpdump_running() { return zq_get_pid("tcpdump") != 0; }
@@ -123,7 +121,7 @@ bool changed_since(const char *path, const CaptureRecord &record) {
 std::string why_not_holder(const CaptureRecord &record) {
     if (!is_diag_permit_holding()) return "the permit is free already";
     if (tcpdump_running()) return "another capture runs now";
-    if (changed_since(ZQ_DIAG_DIR, record) || changed_since(ZQ_DIAG_LOG_PATH, record))
+    if (changed_since(zq::ZQ_DIAG_DIR, record) || changed_since(zq::ZQ_DIAG_LOG_PATH, record))
         return "a diagnosis has started since the capture did";
     return {};
 }
@@ -173,7 +171,7 @@ void show_count(long bytes, long &shown) {
 }
 
 void show_archive() {
-    const long size = zq_get_file_size("/tmp/capture_file/capture.tar");
+    const long size = zq_get_file_size(zq::ZQ_CAPTURE_TAR);
     if (size > 0)
         say("archive: /tmp/capture_file/capture.tar (%ld bytes)\n", size);
     else
@@ -186,7 +184,7 @@ void show_archive() {
 void wait_for_rotate_end(const CaptureRecord &record) {
     if (record.mode != 1) return;
     int polls = 0;
-    for (; polls < CHAIN_END_POLLS && count_rotate_threads() > 0; ++polls) usleep(POLL_US);
+    for (; polls < CHAIN_END_POLLS && zq::count_rotate_threads() > 0; ++polls) usleep(POLL_US);
     if (polls == CHAIN_END_POLLS)
         warn("rotate mode's upload threads did not end in time; leaving them behind");
     else
@@ -320,9 +318,9 @@ int capture_status() {
     }
     const bool running = tcpdump_running();
     const bool permit = is_diag_permit_holding() != 0;
-    const char *state = running                                                 ? "capturing"
-                        : zq_get_file_size("/tmp/capture_file/capture.tar") > 0 ? "stopped, packed"
-                                                                                : "idle";
+    const char *state = running                                    ? "capturing"
+                        : zq_get_file_size(zq::ZQ_CAPTURE_TAR) > 0 ? "stopped, packed"
+                                                                   : "idle";
     say("state: %s\n", state);
     say("tcpdump: %s\n", running ? "running" : "not running");
     say("permit: %s\n", permit ? "taken" : "free");
@@ -344,7 +342,7 @@ int capture_upload(const Command &self, const ParsedArgs &args) {
     int status = EXIT_OK;
     if (!read_upload_options(self, args, request, status)) return status;
     print_upload_title("the capture archive", request);
-    const long size = zq_get_file_size("/tmp/capture_file/capture.tar");
+    const long size = zq_get_file_size(zq::ZQ_CAPTURE_TAR);
     if (size > 0) say("  archive /tmp/capture_file/capture.tar (%ld bytes)\n", size);
     return run_upload({"the capture archive", &g_cap_exec, CAPTURE_UPLOAD, capture_set}, request);
 }

@@ -9,6 +9,7 @@
 #include "capture_cmd.hpp"
 #include "console.hpp"
 #include "diag_run.hpp"
+#include "engine/files.h"
 #include "exit_codes.hpp"
 #include "records_view.hpp"
 #include "upload_run.hpp"
@@ -18,7 +19,7 @@ namespace zqcli {
 
 namespace {
 
-constexpr const char *PACKAGE_PATH = "/tmp/diag_file/diag_log.tar";
+constexpr const char *PACKAGE_PATH = zq::ZQ_PACKAGE_PATH;
 constexpr uint32_t MAX_MODE = 10;
 constexpr uint32_t DEFAULT_TIMEOUT_S = 300;
 constexpr uint32_t MAX_TIMEOUT_S = 86400;

@@ -1,6 +1,7 @@
 #include "diag_log.hpp"
 
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,8 +78,9 @@ void LogFollower::finish(std::vector<std::string> &lines) {
 namespace {
 
 static_assert(DIAG_MSG_ERROR + 1 == LEVEL_COUNT);
-constexpr const char *LEVEL_PREFIXES[LEVEL_COUNT] = {"[normal ]", "[success]", "[warn   ]", "[error  ]"};
-constexpr size_t PREFIX_LEN = 9; // every level prefix has nine characters
+constexpr auto &LEVEL_PREFIXES = zq::ZQ_LEVEL_PREFIX;
+static_assert(std::size(LEVEL_PREFIXES) == LEVEL_COUNT);
+constexpr size_t PREFIX_LEN = zq::ZQ_LEVEL_PREFIX_LEN;
 constexpr std::string_view STEP_OPEN = ">>>> ";
 constexpr std::string_view STEP_CLOSE = " <<<<";
 constexpr std::string_view DUMP_HEADER = ">>>>>>> DIAG DATA <<<<<<<";

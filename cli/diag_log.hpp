@@ -6,9 +6,11 @@
 #include <sys/types.h>
 #include <vector>
 
+#include "engine/files.h"
+
 namespace zqcli {
 
-inline constexpr const char *DIAG_LOG_PATH = "/tmp/diag_file/diag_log";
+inline constexpr const char *DIAG_LOG_PATH = zq::ZQ_DIAG_LOG_PATH;
 
 // Follows a file as it grows, from where it stood when start() was called.
 // A diagnosis removes the log and writes a new one, a repair appends to it:

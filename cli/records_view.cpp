@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <span>
 
 #include "console.hpp"
 #include "json.hpp"
+#include "methods/methods.h"
 
 namespace zqcli {
 
@@ -42,18 +44,17 @@ struct RecordType {
 #define ZQ_FIELD(T, f, k, ...)                                                                               \
     Field { #f, offsetof(T, f), sizeof(T::f), Kind::k __VA_OPT__(, ) __VA_ARGS__ }
 
-constexpr const char *WAN_VERDICTS[] = {"connect normal",     "connect unstable",  "gateway unreachable",
-                                        "dhcp service error", "ppp service error", "static service errror"};
+constexpr const char *WAN_VERDICTS[] = {zq::wan_verdict_text[0], zq::wan_verdict_text[1],
+                                        zq::wan_verdict_text[2], zq::wan_verdict_text[3],
+                                        zq::wan_verdict_text[4], zq::wan_verdict_text[5]};
+static_assert(std::size(WAN_VERDICTS) == std::size(zq::wan_verdict_text));
 constexpr const char *DNS_STATES[] = {"Internet reachable", "Internet not reachable"};
 constexpr const char *ROUTE_STATES[] = {"route present", "route missing"};
 constexpr const char *WAN_PARAMS_BITS[] = {nullptr, "NAT off on an Internet WAN", "VLAN off"};
 constexpr const char *PON_REG_STATES[] = {"registered", "no optical link", "not registered"};
 constexpr const char *DHCP_FAULT_BITS[] = {"DHCP server not running", "pool not in the LAN subnet",
                                            "gateway differs from the server address"};
-constexpr const char *LAN_SIDE_BITS[] = {
-    "LAN1",           "LAN2",           "LAN3",           "LAN4",          "WLAN(AP0_5G)",
-    "WLAN(AP1_5G)",   "WLAN(AP2_5G)",   "WLAN(AP3_5G)",   "WLAN(AP4_5G)",  "WLAN(AP0_2.4G)",
-    "WLAN(AP1_2.4G)", "WLAN(AP2_2.4G)", "WLAN(AP3_2.4G)", "WLAN(AP4_2.4G)"};
+constexpr const auto &LAN_SIDE_BITS = zq::LAN_SIDE_NAMES;
 constexpr const char *SYS_FAULT_BITS[] = {
     "boa down",         "cwmpClient down",     "omci_app down", "eponoamd down", "memory usage > 80 %",
     "CPU usage > 80 %", "more than one udhcpd"};

@@ -91,26 +91,27 @@ struct FailureRule {
     const char *reason;
 };
 constexpr FailureRule FAILURE_RULES[] = {
-    {"refused ", "the URL or a file name is not a plain word for its field"},
-    {"does not exist and cannot be renamed or uploaded", "there is no archive to send"},
-    {"is not exist", "the archive to send is missing"},
-    {"Can't parse Upload Hostname", "the server's name does not resolve"},
-    {"wput url parse error",
+    {zq::upload_log::REFUSED, "the URL or a file name is not a plain word for its field"},
+    {zq::upload_log::NO_ARCHIVE, "there is no archive to send"},
+    {zq::upload_log::FILE_MISSING, "the archive to send is missing"},
+    {zq::upload_log::HOST_UNRESOLVED, "the server's name does not resolve"},
+    {zq::upload_log::URL_NOT_PARSED,
      "the URL is not understood (ftp://[USER:PASSWORD@]HOST[:PORT]/PATH or tftp://HOST)"},
-    {"unknown protocol", "the protocol is neither FTP nor TFTP"},
-    {"run_ftp_sh error", "the FTP command script could not be written"},
+    {zq::upload_log::UNKNOWN_PROTOCOL, "the protocol is neither FTP nor TFTP"},
+    {zq::upload_log::FTP_SCRIPT_FAILED, "the FTP command script could not be written"},
 };
 
 // Notes that do not make an upload fail.
 constexpr FailureRule NOTE_RULES[] = {
-    {"time_sync fail !!", "the clock is not synchronised: the archive keeps its own name"},
-    {"wput upload error", "wput could not send; the ftp client took over"},
+    {zq::upload_log::CLOCK_UNSYNCED, "the clock is not synchronised: the archive keeps its own name"},
+    {zq::upload_log::WPUT_FAILED, "wput could not send; the ftp client took over"},
 };
 
 // What tftp-hpa's client said, as the library logs it after "tftp error:".
 std::string tftp_cause(const std::string &log, const ServerUrl &server) {
-    const size_t at = log.find("tftp error:\n");
-    std::string said = at == std::string::npos ? "" : log.substr(at + 12);
+    const std::string marker = std::string(zq::upload_log::TFTP_FAILED) + ":\n";
+    const size_t at = log.find(marker);
+    std::string said = at == std::string::npos ? "" : log.substr(at + marker.size());
     said = said.substr(0, said.find("tftp fail"));
     while (!said.empty() && (said.back() == '\n' || said.back() == ' ')) said.pop_back();
     const std::string where = server.host + ":" + std::to_string(server.port);
@@ -126,15 +127,15 @@ std::string tftp_cause(const std::string &log, const ServerUrl &server) {
 
 std::string failure_reason(const std::string &log, const UploadRequest &request) {
     const ServerUrl server = split_server_url(request.url);
-    if (log.find("tftp error") != std::string::npos) return tftp_cause(log, server);
-    if (log.find("ftp upload error") != std::string::npos ||
-        log.find("ftp buffer is empty") != std::string::npos)
+    if (log.find(zq::upload_log::TFTP_FAILED) != std::string::npos) return tftp_cause(log, server);
+    if (log.find(zq::upload_log::FTP_FAILED) != std::string::npos ||
+        log.find(zq::upload_log::FTP_SILENT) != std::string::npos)
         return probe_ftp_failure(server);
     for (const FailureRule &rule : FAILURE_RULES) {
         const size_t at = log.find(rule.log_text);
         if (at == std::string::npos) continue;
         std::string reason = rule.reason;
-        if (std::string_view(rule.log_text) == "refused ") {
+        if (rule.log_text == zq::upload_log::REFUSED) {
             const size_t end = log.find('\n', at);
             reason += " (" + log.substr(at, end == std::string::npos ? std::string::npos : end - at) + ")";
         }

@@ -10,8 +10,13 @@
 #include "engine/log.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
 char zq_cmd_result_buff[ZQ_CMD_RESULT_SIZE];
 uint8_t do_not_generate_log;
+
+namespace zq {
 
 namespace {
 
@@ -145,11 +150,13 @@ int zq_get_cmd_raw_data(zq_diag_args args) {
 namespace {
 // A command of at least two characters and its terminator, and room for a
 // line of output.
-constexpr zq::envoy_rules CMD_RULES = {
-    {zq::NEED_IN | zq::NEED_OUT | zq::IN_MIN | zq::OUT_MIN, 3, 64}, zq::ANY_BLOCK, zq::ANY_BLOCK, zq::ANY_BLOCK};
+constexpr zq::envoy_rules CMD_RULES = {{zq::NEED_IN | zq::NEED_OUT | zq::IN_MIN | zq::OUT_MIN, 3, 64},
+                                       zq::ANY_BLOCK,
+                                       zq::ANY_BLOCK,
+                                       zq::ANY_BLOCK};
 } // namespace
 
-const zq::method_descriptor zq::cmd_method = {
+const zq::method_descriptor cmd_method = {
     .entry = {.name = "cmd", .raw_data = zq_get_cmd_raw_data, .envoy = zq::envoy<CMD_RULES>},
 };
 
@@ -162,6 +169,8 @@ void write_cmd_log(const char *cmd, const char *output, uint64_t output_size) {
     fwrite("\n\n", 1, 2, log);
     fclose(log);
 }
+
+} // namespace zq
 
 int zq_get_cmd_buff(const char *cmd, void *out, uint64_t out_size) {
     if (!cmd) return -1;
@@ -182,4 +191,8 @@ char *zq_get_cmd_result(const char *cmd) {
     return zq_cmd_result_buff;
 }
 
+namespace zq {
+
 int zq_system(const char *cmd) { return cmd ? system(cmd) : -1; }
+
+} // namespace zq

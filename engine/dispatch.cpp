@@ -5,6 +5,8 @@
 #include "engine/engine.h"
 #include "engine/log.h"
 
+namespace zq {
+
 int find_method_index(const char *method, uint64_t *index) {
     // A null name is not found, like an empty one, rather than compared.
     if (!method || method[0] == '\0') return -1;
@@ -55,3 +57,5 @@ int zq_get_sys_diag(const char *method, uint32_t action, zq_diag_args args) {
     }
     return call_action_of_method(entry.name, action, args, index);
 }
+
+} // namespace zq

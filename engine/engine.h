@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "engine/files.h"
 #include "zq_diag.h"
+
+namespace zq {
 
 // ---- Methods and dispatch -----------------------------------------------
 using zq_action_fn = int (*)(zq_diag_args args);
@@ -24,7 +27,6 @@ struct zq_diag_method {
     zq_envoy_fn envoy = nullptr;
 };
 
-namespace zq {
 // A condition of a path search, read from the records the run stored so far:
 // non-zero when the method is to be taken.
 using condition_fn = int (*)();
@@ -99,7 +101,6 @@ int envoy_check(const envoy_rules &rules, uint32_t action, const zq_diag_args &a
 template <const envoy_rules &Rules> int envoy(uint32_t action, zq_diag_args args) {
     return envoy_check(Rules, action, args);
 }
-} // namespace zq
 
 int zq_get_sys_diag(const char *method, uint32_t action, zq_diag_args args);
 int call_action_of_method(const char *method, uint32_t action, zq_diag_args args, uint64_t index);
@@ -120,7 +121,6 @@ int cmd_collect_output(int fd, char *out, uint64_t size);
 // Appends "cmd: [cmd]\n", the output (at most output_size bytes, up to its
 // first NUL) and "\n\n" to the command log.
 void write_cmd_log(const char *cmd, const char *output, uint64_t output_size);
-constexpr const char *ZQ_CMD_LOG_PATH = "/tmp/diag_file/cmd_log";
 // Runs a shell command without reading its output (system()).
 int zq_system(const char *cmd);
 
@@ -132,13 +132,11 @@ void zq_diag_msg_reset();
 
 // ---- Permit and guards ---------------------------------------------------
 int release_permit();
-namespace zq {
 // The library's own release points (the "end" step, a capture's stop or
 // failed start, the end of rotate mode) give the permit back only when this
 // process took it and has not given it back since; otherwise they log a
 // line naming `who` and leave the permit as it is. The post's result, or 0.
 int release_own_permit(const char *who);
-} // namespace zq
 void *get_shm_space();
 int read_diag_manager_pid();
 void notify_diag_manager();
@@ -166,3 +164,5 @@ void diag_log_record(zq_diag_step step);
 void load_chain_data_in_log();
 // The uploader: the worker of diagnose_set's upload action.
 void *diagnose_upload(void *);
+
+} // namespace zq

@@ -2,7 +2,9 @@
 // (zq::envoy<Rules>) that its own file writes from its layouts.
 #include "engine/engine.h"
 
-int zq::envoy_check(const envoy_rules &rules, uint32_t action, const zq_diag_args &a) {
+namespace zq {
+
+int envoy_check(const envoy_rules &rules, uint32_t action, const zq_diag_args &a) {
     if (action > ACTION_FIX) return 0;
     const envoy_rule &r = rules[action];
     bool ok = (!(r.checks & NEED_IN) || a.in_buf) && (!(r.checks & NEED_OUT) || a.out_buf) &&
@@ -11,3 +13,5 @@ int zq::envoy_check(const envoy_rules &rules, uint32_t action, const zq_diag_arg
               (!(r.checks & OUT_MIN) || a.out_size >= r.out);
     return ok ? 0 : -4;
 }
+
+} // namespace zq

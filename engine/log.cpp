@@ -5,6 +5,8 @@
 
 #include "engine/util.h"
 
+namespace zq {
+
 namespace {
 
 // Each line is formatted into one buffer and written with a single call, so
@@ -50,3 +52,5 @@ void zq_log_plain(const char *fmt, ...) {
     fwrite(buf, 1, len, stdout);
     fflush(stdout);
 }
+
+} // namespace zq

@@ -6,11 +6,16 @@
 #include "engine/engine.h"
 #include "engine/log.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
 char zq_diag_msg[ZQ_DIAG_MSG_SIZE];
+
+namespace zq {
+
 uint64_t zq_diag_msg_offset;
 
 namespace {
-constexpr const char *LEVEL_PREFIX[] = {"[normal ]", "[success]", "[warn   ]", "[error  ]"};
 constexpr uint64_t LAST = ZQ_DIAG_MSG_SIZE - 1;
 
 // The offset counts what each stage asked to write, so once an entry was
@@ -32,7 +37,7 @@ void zq_diag_msg_printf(uint32_t level, const char *format, ...) {
         return;
     }
     if (zq_diag_msg_offset > LAST) return;
-    if (!add_stage(snprintf(at(), room(), "%s", LEVEL_PREFIX[level]))) return;
+    if (!add_stage(snprintf(at(), room(), "%s", ZQ_LEVEL_PREFIX[level]))) return;
     va_list ap;
     va_start(ap, format);
     int text = format ? vsnprintf(at(), room(), format, ap) : 0;
@@ -45,3 +50,5 @@ void zq_diag_msg_reset() {
     memset(zq_diag_msg, 0, sizeof(zq_diag_msg));
     zq_diag_msg_offset = 0;
 }
+
+} // namespace zq

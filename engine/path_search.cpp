@@ -7,7 +7,13 @@
 #include "engine/log.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
 char zq_running_method[32];
+
+namespace zq {
+
 char custom_path_list[ZQ_CUSTOM_PATH_SLOTS][32];
 
 namespace {
@@ -17,7 +23,6 @@ using path_view = zq::table_view<const method_descriptor *>;
 using zq::condition_fn;
 
 using zq::END_STEP;
-constexpr const char *CAPTURE_PARSE_PATH = "/tmp/capture_file/capture_parse";
 
 // Visited flags: an entry is decided (taken or skipped) once per run.
 uint8_t diag_visited[zq::PATH_SLOTS];
@@ -106,6 +111,8 @@ int is_in_custom_path(const char *method) {
     return 0;
 }
 
+} // namespace zq
+
 int zq_diag_path_search(zq_diag_step *step) {
     if (!step) return 0; // no step to fill: the path is over before it starts
     if (starts_run(step)) {
@@ -120,7 +127,7 @@ int zq_diag_path_search(zq_diag_step *step) {
     // decoded capture.
     load_chain_data_in_log();
     memset(custom_path_list, 0, sizeof(custom_path_list));
-    if (zq::file_exists(CAPTURE_PARSE_PATH)) zq_system("rm /tmp/capture_file/capture_parse");
+    if (zq::file_exists(ZQ_CAPTURE_PARSE)) zq_system("rm /tmp/capture_file/capture_parse");
     return take_end(diag_visited[path.count], step, ACTION_DIAG) ? 1 : 0;
 }
 

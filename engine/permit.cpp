@@ -17,6 +17,11 @@
 #include "engine/outside_text.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 constexpr const char *ALARM_KEY_PATH = "/tmp";
@@ -44,6 +49,8 @@ sem_t *open_permit() {
 bool process_exists(int pid) { return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH); }
 
 } // namespace
+
+} // namespace zq
 
 int get_diag_permit() {
     if (diag_manager_pid.load(std::memory_order_relaxed) == 0)
@@ -75,6 +82,8 @@ int is_diag_permit_holding() {
     return sem_getvalue(sem, &value) == 0 && value == 0 ? 1 : 0;
 }
 
+namespace zq {
+
 int release_permit() {
     sem_t *sem = open_permit();
     if (!sem) {
@@ -83,6 +92,8 @@ int release_permit() {
     }
     return sem_post(sem);
 }
+
+} // namespace zq
 
 // Posting only a taken permit keeps the semaphore at most 1. Any caller
 // may free the permit this way (a holder that died leaves it taken until
@@ -103,8 +114,6 @@ int release_own_permit(const char *who) {
     return is_diag_permit_holding() ? release_permit() : 0;
 }
 
-} // namespace zq
-
 void *get_shm_space() {
     key_t key = ftok(ALARM_KEY_PATH, ALARM_KEY_ID);
     if (key == -1) {
@@ -119,6 +128,8 @@ void *get_shm_space() {
     void *addr = shmat(id, nullptr, 0);
     return addr == reinterpret_cast<void *>(-1) ? nullptr : addr; // NOLINT(performance-no-int-to-ptr)
 }
+
+} // namespace zq
 
 uint32_t get_diag_alarm_value() {
     uint32_t *addr = alarm_address.load(std::memory_order_relaxed);
@@ -138,6 +149,8 @@ int is_diag_avaliable() {
         return 0;
     return 1;
 }
+
+namespace zq {
 
 // The pid file holds the manager's pid as decimal text. At most 32 bytes are
 // read into a buffer one byte larger, so a long file still parses as a
@@ -178,6 +191,8 @@ bool answer_contains(const char *cmd, const char *needle) {
     return zq::contains(zq_get_cmd_result(cmd), needle);
 }
 } // namespace
+
+} // namespace zq
 
 int is_self_diagnose_enable() { return answer_contains("diagM get diag_state", "enable") ? 1 : 0; }
 

@@ -9,8 +9,13 @@
 #include "engine/log.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
 diag_exec_ctl g_diag_exec;
 diag_exec_ctl g_cap_exec;
+
+namespace zq {
 
 static_assert(std::is_same_v<pthread_t, unsigned long>, "worker holds a pthread_t");
 
@@ -66,6 +71,8 @@ int run_path(uint32_t mode, path_search_fn search) {
 }
 
 } // namespace
+
+} // namespace zq
 
 int diagnose_set() {
     if (!zq::claim_worker(g_diag_exec)) {

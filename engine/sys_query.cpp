@@ -7,9 +7,16 @@
 #include "engine/outside_text.h"
 #include "engine/util.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 constexpr unsigned MKDIR_SETTLE_US = 20000;
 }
+
+} // namespace zq
 
 // Names go into a shell command; anything but a plain process name is
 // refused so a caller's text can never run as a command of its own, nor
@@ -26,6 +33,8 @@ uint64_t zq_get_pid(const char *name) {
     if (out[0] == '\0') return 0;
     return zq::parse_u64_prefix(zq::view(out));
 }
+
+namespace zq {
 
 const char *get_pon_info(const char *key) {
     if (!zq::is_shell_word(zq::view(key))) {
@@ -50,3 +59,5 @@ int make_dir(const char *dir) {
     usleep(MKDIR_SETTLE_US);
     return zq::file_exists(dir) ? 0 : -1;
 }
+
+} // namespace zq

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 namespace zq {
+
 bool file_exists(const char *path) { return path && access(path, F_OK) == 0; }
 
 bool process_alive_as(uint64_t pid, std::string_view name) {
@@ -18,4 +19,5 @@ bool process_alive_as(uint64_t pid, std::string_view name) {
     close(fd);
     return n > 0 && stat_names_live(std::string_view(stat, static_cast<size_t>(n)), name);
 }
+
 } // namespace zq

@@ -135,9 +135,6 @@ bool process_alive_as(uint64_t pid, std::string_view name);
 // string. A field filled to its last byte was cut by whoever filled it.
 template <size_t N> bool terminated(const char (&field)[N]) { return strnlen(field, N) < N; }
 
-} // namespace zq
-
-namespace zq {
 inline bool is_ascii_alnum(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
@@ -168,4 +165,5 @@ inline bool is_host_word(std::string_view s) {
         if (!is_ascii_alnum(c) && c != '.' && c != '-' && c != '_' && c != ':' && c != '%') return false;
     return true;
 }
+
 } // namespace zq

@@ -17,6 +17,8 @@
 #include "capture/capture.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 bool has_any(std::string_view text, std::string_view chars) {

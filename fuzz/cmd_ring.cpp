@@ -20,6 +20,8 @@
 #include "engine/engine.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr size_t READ_LIMIT = 63; // one read of the runner: a 64-byte line buffer

@@ -14,6 +14,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_input in(data, size);
     std::string output = in.rest();

@@ -24,6 +24,8 @@
 #include "capture/capture.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr const char *PCAP = "/tmp/capture_file/capture.pcap";

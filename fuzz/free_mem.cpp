@@ -14,6 +14,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 uint32_t model_kib(const std::string &token) {

@@ -15,6 +15,8 @@
 #include "capture/continuous.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 64) size = 64;
     auto batch = std::make_unique<char[]>(size ? size : 1);

@@ -18,6 +18,8 @@
 #include "engine/engine.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr uint64_t SIZE = ZQ_DIAG_MSG_SIZE;

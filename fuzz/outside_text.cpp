@@ -16,6 +16,8 @@
 #include "engine/util.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 bool printable(char c) { return c >= ' ' && c <= '~'; }

@@ -21,6 +21,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr uint32_t UNTOUCHED = 0xabababab;

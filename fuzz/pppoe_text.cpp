@@ -16,6 +16,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/network/pppoe_analysis.h"
 
+using namespace zq;
+
 namespace {
 
 template <size_t N> void check_terminated(const char (&field)[N]) {

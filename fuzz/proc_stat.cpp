@@ -17,6 +17,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr uint32_t UNTOUCHED = 0xa5a5a5a5;

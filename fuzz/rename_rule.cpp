@@ -15,6 +15,8 @@
 #include "fuzz/fuzz_input.h"
 #include "upload/upload.h"
 
+using namespace zq;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_input in(data, size);
     const uint32_t mode = in.byte() % 4;

@@ -16,6 +16,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }

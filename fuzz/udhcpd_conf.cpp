@@ -15,6 +15,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr size_t LINE_BUFFER = 64;

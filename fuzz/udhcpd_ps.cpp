@@ -13,6 +13,8 @@
 #include "fuzz/fuzz_input.h"
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 std::unique_ptr<char[]> c_string(const std::string &s) {

@@ -18,6 +18,8 @@
 #include "fuzz/fuzz_input.h"
 #include "upload/upload.h"
 
+using namespace zq;
+
 namespace {
 
 bool resolves;

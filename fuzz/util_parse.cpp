@@ -18,6 +18,8 @@
 #include "engine/util.h"
 #include "fuzz/fuzz_input.h"
 
+using namespace zq;
+
 namespace {
 
 // ---- models ----------------------------------------------------------------

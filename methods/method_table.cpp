@@ -4,21 +4,23 @@
 #include "engine/engine.h"
 #include "methods/methods.h"
 
+namespace zq {
+
 namespace {
 
 using zq::method_descriptor;
 
 constexpr const method_descriptor *TABLE[] = {
-    &zq::cmd_method,          &zq::port_status_method, &zq::ping_method,         &zq::wan_status_method,
-    &zq::sys_status_method,   &zq::pon_status_method,  &zq::wan_params_method,   &zq::dns_status_method,
-    &zq::dhcp_config_method,  &zq::pppoe_status_method, &zq::route_status_method, &zq::dhcp_status_method,
+    &zq::cmd_method,         &zq::port_status_method,  &zq::ping_method,         &zq::wan_status_method,
+    &zq::sys_status_method,  &zq::pon_status_method,   &zq::wan_params_method,   &zq::dns_status_method,
+    &zq::dhcp_config_method, &zq::pppoe_status_method, &zq::route_status_method, &zq::dhcp_status_method,
 };
 
 // The diagnosis path, in the order its steps are taken.
 constexpr const method_descriptor *DIAG_PATH[] = {
-    &zq::port_status_method,  &zq::pon_status_method,   &zq::wan_status_method, &zq::route_status_method,
-    &zq::dns_status_method,   &zq::pppoe_status_method, &zq::dhcp_status_method, &zq::wan_params_method,
-    &zq::dhcp_config_method,  &zq::sys_status_method,
+    &zq::port_status_method, &zq::pon_status_method,   &zq::wan_status_method,  &zq::route_status_method,
+    &zq::dns_status_method,  &zq::pppoe_status_method, &zq::dhcp_status_method, &zq::wan_params_method,
+    &zq::dhcp_config_method, &zq::sys_status_method,
 };
 constexpr const method_descriptor *FIX_PATH[] = {&zq::sys_status_method, &zq::pon_status_method};
 // The methods whose repair is_zq_fix_available offers, asked in this order.
@@ -48,10 +50,12 @@ static_assert(sizeof(FIX_PATH) / sizeof(FIX_PATH[0]) < zq::PATH_SLOTS, "fix path
 
 } // namespace
 
-const zq::method_registry zq::registry = {
+const zq::method_registry registry = {
     .table = view_of(TABLE),
     .diag_path = view_of(DIAG_PATH),
     .fix_path = view_of(FIX_PATH),
     .fix_offers = view_of(FIX_OFFERS),
     .modes = view_of(MODES),
 };
+
+} // namespace zq

@@ -11,6 +11,7 @@
 #include "zq_diag.h"
 
 namespace zq {
+
 extern const method_descriptor port_status_method;
 extern const method_descriptor ping_method;
 extern const method_descriptor wan_status_method;
@@ -22,7 +23,6 @@ extern const method_descriptor dhcp_config_method;
 extern const method_descriptor pppoe_status_method;
 extern const method_descriptor route_status_method;
 extern const method_descriptor dhcp_status_method;
-} // namespace zq
 
 // pon_status
 int zq_get_pon_status_struct(zq_diag_args args);
@@ -71,6 +71,12 @@ void parse_mem_line(std::string_view text, zqSD_sys_diag &block);
 void parse_cpu_stat_line(std::string_view line, cpu_stat_sample &sample);
 
 // dhcp_config
+// The LAN-side interfaces by their bit in a WAN's itfGroup.
+inline constexpr const char *LAN_SIDE_NAMES[] = {
+    "LAN1",           "LAN2",           "LAN3",           "LAN4",           "WLAN(AP0_5G)",
+    "WLAN(AP1_5G)",   "WLAN(AP2_5G)",   "WLAN(AP3_5G)",   "WLAN(AP4_5G)",   "WLAN(AP0_2.4G)",
+    "WLAN(AP1_2.4G)", "WLAN(AP2_2.4G)", "WLAN(AP3_2.4G)", "WLAN(AP4_2.4G)",
+};
 int zq_get_dhcp_config_struct(zq_diag_args args);
 int zq_get_dhcp_config_diag(zq_diag_args args);
 int zq_get_dhcp_config_fix(zq_diag_args args);
@@ -116,7 +122,10 @@ int zq_get_wan_status_diag(zq_diag_args args);
 uint32_t check_wan_v4_connect(const zqSD_wan_diag &block);
 uint32_t check_wan_v6_connect(const zqSD_wan_diag &block);
 uint32_t wan_verdict_level(uint32_t verdict);
-extern const char wan_verdict_text[6][32];
+// The verdicts' texts, as the findings and the command show them.
+inline constexpr char wan_verdict_text[6][32] = {"connect normal",      "connect unstable",
+                                                 "gateway unreachable", "dhcp service error",
+                                                 "ppp service error",   "static service errror"};
 
 // route_status: the kernel routing table as route -n shows it.
 struct route_table {
@@ -150,3 +159,5 @@ uint32_t dhcp_packet_flags();
 int zq_get_pppoe_diag(zq_diag_args args);
 uint32_t zq_check_pppoe_error();
 int pppoe_filter_special(const char *interface);
+
+} // namespace zq

@@ -9,6 +9,11 @@
 #include "engine/util.h"
 #include "records/records.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 // A file that is removed with its own shell command when it exists.
@@ -61,8 +66,6 @@ constexpr const char *CONFIG_STAT_COMMANDS[] = {
 };
 
 constexpr const char *SERIAL_LOG_SOURCE = "/proc/serial_log/get_log";
-constexpr const char *CAPTURE_SOURCE = "/tmp/capture_file/capture.pcap";
-constexpr const char *PACKAGE_PATH = "/tmp/diag_file/diag_log.tar";
 
 // The archive command: its fixed start, then "name " for every member.
 constexpr size_t PACKAGE_CMD_SIZE = 1024;
@@ -120,7 +123,7 @@ void copy_serial_log() {
 }
 
 void copy_capture_file() {
-    if (zq::file_exists(CAPTURE_SOURCE))
+    if (zq::file_exists(ZQ_CAPTURE_PCAP))
         zq_system("cp -f /tmp/capture_file/capture.pcap /tmp/diag_file/capture.pcap");
 }
 
@@ -265,6 +268,8 @@ void load_sys_diag(FILE *file) {
     });
 }
 
+} // namespace zq
+
 int zq_packet_diag_file() {
     char cmd[PACKAGE_CMD_SIZE] = {};
     int base = ZQ_FORMAT(cmd, "%s", PACKAGE_CMD_BASE);
@@ -282,7 +287,7 @@ int zq_packet_diag_file() {
         ZQ_LOG("no file for packeting");
         return -1;
     }
-    if (zq::file_exists(PACKAGE_PATH)) zq_system("rm /tmp/diag_file/diag_log.tar");
+    if (zq::file_exists(ZQ_PACKAGE_PATH)) zq_system("rm /tmp/diag_file/diag_log.tar");
     // The result says that the archive command ran, not how it ended: tar's
     // own status is not judged, and what it wrote stays for the upload.
     zq_system(cmd);

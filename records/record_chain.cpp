@@ -7,7 +7,12 @@
 #include "engine/log.h"
 #include "records/records.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
 diag_data_node zq_diag_data_chain;
+
+namespace zq {
 
 namespace {
 
@@ -31,6 +36,8 @@ void publish(diag_data_node **link, diag_data_node *node) { __atomic_store_n(lin
 
 } // namespace
 
+} // namespace zq
+
 uint64_t get_diag_data_size(uint32_t type) {
     for (const record_size &entry : RECORD_SIZES)
         if (entry.type == type) return entry.size;
@@ -42,6 +49,8 @@ diag_data_node *zq_search_diag_record(uint32_t type) {
         if (node->type == type) return node;
     return nullptr;
 }
+
+namespace zq {
 
 diag_data_node *search_single_record(uint32_t type) {
     for (uint32_t single : SINGLE_RECORD_TYPES)
@@ -143,3 +152,5 @@ diag_data_node *list_record_head(const char *reader, uint32_t type, const char *
     }
     return zq_search_diag_record(type);
 }
+
+} // namespace zq

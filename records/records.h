@@ -6,8 +6,11 @@
 #include <cstdio>
 
 #include "engine/engine.h"
+#include "engine/files.h"
 #include "engine/log.h"
 #include "zq_diag.h"
+
+namespace zq {
 
 // ---- Record chain --------------------------------------------------------
 int zq_diag_record(uint32_t type, const void *data, uint64_t size);
@@ -60,10 +63,10 @@ template <class T, class Pred> bool any_diag_record(const char *reader, Pred &&p
 }
 
 // ---- Diagnosis log and package --------------------------------------------
-constexpr const char *ZQ_DIAG_DIR = "/tmp/diag_file/";
-constexpr const char *ZQ_DIAG_LOG_PATH = "/tmp/diag_file/diag_log";
 void load_port_diag(FILE *file);
 void load_pon_diag(FILE *file);
 void load_wan_diag(FILE *file);
 void load_dhcp_diag(FILE *file);
 void load_sys_diag(FILE *file);
+
+} // namespace zq

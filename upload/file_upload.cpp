@@ -16,6 +16,8 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+namespace zq {
+
 namespace {
 
 constexpr uint32_t TFTP_PORT = 69;
@@ -103,7 +105,7 @@ int resolve_host(std::string_view name, char (&out)[sizeof(upload_params::host)]
     char address[INET6_ADDRSTRLEN] = {};
     if (!entry || !entry->h_addr_list || !entry->h_addr_list[0] ||
         !inet_ntop(entry->h_addrtype, entry->h_addr_list[0], address, sizeof(address))) {
-        ZQ_LOG_BREAK("Can't parse Upload Hostname");
+        ZQ_LOG_BREAK("%s", upload_log::HOST_UNRESOLVED);
         return -1;
     }
     zq::copy(out, zq::view(address));
@@ -223,8 +225,8 @@ int tftp_upload(upload_params *p) {
     char out[256] = {};
     run_cmd(cmd, out);
     if (zq::contains(out, "tftp success")) return 0;
-    ZQ_LOG("tftp error cmd[%s]\n", cmd);
-    ZQ_LOG("tftp error:\n%s", out);
+    ZQ_LOG("%s cmd[%s]\n", upload_log::TFTP_FAILED, cmd);
+    ZQ_LOG("%s:\n%s", upload_log::TFTP_FAILED, out);
     return -1;
 }
 
@@ -252,7 +254,7 @@ int ftp_upload(upload_params *p) {
         p->local_file[0] == '\0' || p->remote_file[0] == '\0')
         return -1;
     if (run_ftp_sh(p) != 0) {
-        ZQ_LOG("run_ftp_sh error");
+        ZQ_LOG("%s", upload_log::FTP_SCRIPT_FAILED);
         return -1;
     }
     char cmd[128] = {};
@@ -260,11 +262,11 @@ int ftp_upload(upload_params *p) {
     char out[512] = {};
     run_cmd(cmd, out);
     if (out[0] == '\0') {
-        ZQ_LOG("ftp buffer is empty");
+        ZQ_LOG("%s", upload_log::FTP_SILENT);
         return -1;
     }
     if (zq::contains(out, "Transfer complete")) return 0;
-    ZQ_LOG("ftp upload error");
+    ZQ_LOG("%s", upload_log::FTP_FAILED);
     return -1;
 }
 
@@ -280,7 +282,7 @@ int wput_upload(upload_params *p) {
         return -1;
     }
     if (wput_sent(out)) return 0;
-    ZQ_LOG("wput upload error");
+    ZQ_LOG("%s", upload_log::WPUT_FAILED);
     return -1;
 }
 
@@ -295,7 +297,7 @@ int upload_action(upload_params *p) {
     case UPLOAD_PROTOCOL_TFTP:
         return tftp_upload(p);
     default:
-        ZQ_LOG("unknown protocol ");
+        ZQ_LOG("%s ", upload_log::UNKNOWN_PROTOCOL);
         return -1;
     }
 }
@@ -311,11 +313,11 @@ int zq_file_upload(upload_params p) {
         return -1;
     }
     if (!zq::file_exists(p.local_file)) {
-        ZQ_LOG(" error 3 %s is not exist", p.local_file);
+        ZQ_LOG(" error 3 %s %s", p.local_file, upload_log::FILE_MISSING);
         return -1;
     }
     if (wput_url_parse(&p) != 0) {
-        ZQ_LOG("wput url parse error");
+        ZQ_LOG("%s", upload_log::URL_NOT_PARSED);
         return -1;
     }
     if (add_upload_route(&p) != 0) return -1;
@@ -323,3 +325,5 @@ int zq_file_upload(upload_params p) {
     del_upload_route(&p);
     return result;
 }
+
+} // namespace zq

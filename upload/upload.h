@@ -11,6 +11,8 @@
 #include "upload/upload_words.h"
 #include "zq_diag.h"
 
+namespace zq {
+
 // ---- File upload -----------------------------------------------------------
 int zq_file_upload(upload_params p);
 int wput_url_parse(upload_params *p);
@@ -69,4 +71,6 @@ bool accept_upload_word(const char *caller, upload_word kind, const char *field,
 // with a log line (false), so a cut path or name is never run.
 [[gnu::format(printf, 4, 5)]] bool format_cmd(const char *caller, char *cmd, size_t size, const char *fmt,
                                               ...);
-#define ZQ_FORMAT_CMD(cmd, ...) format_cmd(__func__, (cmd), sizeof(cmd), __VA_ARGS__)
+#define ZQ_FORMAT_CMD(cmd, ...) ::zq::format_cmd(__func__, (cmd), sizeof(cmd), __VA_ARGS__)
+
+} // namespace zq

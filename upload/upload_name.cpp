@@ -10,6 +10,8 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+namespace zq {
+
 namespace {
 
 constexpr char MONTH_NAMES[12][8] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -95,7 +97,7 @@ int timestamp_from_date(std::string_view date, char (&out)[ZQ_TIMESTAMP_SIZE]) {
 int zq_get_timestamps(char *out) {
     if (!out) return -1;
     if (!is_time_synced()) {
-        ZQ_LOG("time_sync fail !!");
+        ZQ_LOG("%s", upload_log::CLOCK_UNSYNCED);
         return -1;
     }
     char date[ZQ_TIMESTAMP_SIZE] = {};
@@ -179,3 +181,5 @@ int get_wan_index(uint8_t mask) {
         if (mask & (1u << bit)) return bit + 1;
     return 0;
 }
+
+} // namespace zq

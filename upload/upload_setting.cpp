@@ -12,6 +12,8 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+namespace zq {
+
 namespace {
 
 constexpr unsigned WORKER_START_DELAY_US = 10000;
@@ -25,27 +27,15 @@ struct upload_setting {
     const char *dir;
     const char *archive_name;
     const char *rename_failure;
-    const char *missing_archive;
     bool packs; // the diagnosis worker packs the evidence and clears it after the upload
 };
 
 constexpr upload_setting DIAGNOSIS_UPLOAD = {
-    &g_diag_exec,
-    "/tmp/diag_file/diag_log.tar",
-    "/tmp/diag_file/",
-    "diag_log.tar",
-    "diagnose upload rename file error",
-    "diag_log.tar does not exist and cannot be renamed or uploaded",
-    true,
+    &g_diag_exec, ZQ_PACKAGE_PATH, ZQ_DIAG_DIR, ZQ_PACKAGE_NAME, "diagnose upload rename file error", true,
 };
 
 constexpr upload_setting CAPTURE_UPLOAD = {
-    &g_cap_exec,
-    "/tmp/capture_file/capture.tar",
-    "/tmp/capture_file/",
-    "capture.tar",
-    "capture upload rename file error",
-    "capture.tar does not exist and cannot be renamed or uploaded",
+    &g_cap_exec, ZQ_CAPTURE_TAR, ZQ_CAPTURE_DIR, ZQ_CAPTURE_TAR_NAME, "capture upload rename file error",
     false,
 };
 
@@ -93,7 +83,7 @@ void fill_upload_params(const char *caller, const upload_setting &s, upload_para
     } else {
         const std::string_view previous = zq::view(block.file_name);
         if (previous.empty()) {
-            ZQ_LOG_AS(caller, "%s", s.missing_archive);
+            ZQ_LOG_AS(caller, "%s %s", s.archive_name, upload_log::NO_ARCHIVE);
             zq::set_state(block, EXEC_UPLOAD_FAIL);
             return;
         }
@@ -160,3 +150,5 @@ int rotate_mode_init(tcpdump_req *req) {
     ZQ_LOG_BREAK("rotate mode init error");
     return -1;
 }
+
+} // namespace zq

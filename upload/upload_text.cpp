@@ -9,6 +9,8 @@
 #include "engine/util.h"
 #include "upload/upload.h"
 
+namespace zq {
+
 bool accept_upload_word(const char *caller, upload_word kind, const char *field, std::string_view text) {
     const char *problem = zq::upload_word_problem(kind, text);
     if (problem) ZQ_LOG_AS(caller, "refused %s: %s", field, problem);
@@ -27,3 +29,5 @@ bool format_cmd(const char *caller, char *cmd, size_t size, const char *fmt, ...
     }
     return true;
 }
+
+} // namespace zq

@@ -11,6 +11,8 @@
 #include "engine/util.h"
 #include "zq_diag.h"
 
+namespace zq {
+
 // Every piece of text that an upload puts into a shell command or into the
 // FTP script has a word class; `accept_upload_word` refuses (with a log line
 // naming the field) whatever is not one plain word of its class.
@@ -23,7 +25,22 @@ enum class upload_word : uint8_t {
     file_name,   // one name without a directory
 };
 
-namespace zq {
+// What an upload's log lines say when it fails, for the tools that read the
+// log to name the cause.
+namespace upload_log {
+constexpr const char *REFUSED = "refused ";
+constexpr const char *NO_ARCHIVE = "does not exist and cannot be renamed or uploaded";
+constexpr const char *FILE_MISSING = "is not exist";
+constexpr const char *HOST_UNRESOLVED = "Can't parse Upload Hostname";
+constexpr const char *URL_NOT_PARSED = "wput url parse error";
+constexpr const char *UNKNOWN_PROTOCOL = "unknown protocol";
+constexpr const char *FTP_SCRIPT_FAILED = "run_ftp_sh error";
+constexpr const char *FTP_FAILED = "ftp upload error";
+constexpr const char *FTP_SILENT = "ftp buffer is empty";
+constexpr const char *WPUT_FAILED = "wput upload error";
+constexpr const char *TFTP_FAILED = "tftp error";
+constexpr const char *CLOCK_UNSYNCED = "time_sync fail !!";
+} // namespace upload_log
 
 constexpr uint32_t MAX_UPLOAD_PORT = 65535;
 // The host part of a URL (name and port) is read up to this length.

@@ -13,6 +13,11 @@
 #include "methods/result_word.h"
 #include "records/records.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 // The status block is the record without its last word.
@@ -37,7 +42,7 @@ uint32_t reg_state_of(const char (&pon_state)[32]) {
     return PON_REGISTERED;
 }
 
-bool is_gpon() { return zq::contains(get_pon_info("pon_mode"), "GPON"); }
+bool is_gpon() { return contains(get_pon_info("pon_mode"), "GPON"); }
 
 float power_of(const char *key) { return static_cast<float>(strtod(get_pon_info(key), nullptr)); }
 
@@ -80,7 +85,7 @@ int is_pondetect_present() {
     return zq::contains(zq_get_cmd_result("ls /bin | grep pondetect"), "pondetect");
 }
 
-int is_pon_detect_on() { return zq::contains(zq_get_cmd_result("flash get PON_DETECT"), "=1"); }
+int is_pon_detect_on() { return contains(zq_get_cmd_result("flash get PON_DETECT"), "=1"); }
 
 int zq_get_pon_status_struct(zq_diag_args args) {
     zqSD_pon_diag block;
@@ -155,6 +160,8 @@ int zq_get_pon_status_fix(zq_diag_args) {
     return 0;
 }
 
+} // namespace zq
+
 int get_pon_debug_flag() {
     zq_system(is_gpon() ? "omcicli get log" : "oamcli get dbgflag");
     usleep(DEBUG_STATE_SETTLE_US);
@@ -168,12 +175,14 @@ int set_pon_debug_flag(int on) {
     return status;
 }
 
-int is_pon_auth_normal() { return zq::contains(get_pon_info("pon_state"), "NORMAL") ? 1 : 0; }
+int is_pon_auth_normal() { return contains(get_pon_info("pon_state"), "NORMAL") ? 1 : 0; }
+
+namespace zq {
 
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules PON_RULES = {zq::ANY_BLOCK, zq::out_exact(PON_BLOCK_SIZE),
+constexpr zq::envoy_rules PON_RULES = {zq::ANY_BLOCK, out_exact(PON_BLOCK_SIZE),
                                        zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
 
 // An unregistered PON is re-registered by the fix path.
@@ -183,7 +192,7 @@ int pon_status_fix_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::pon_status_method = {
+const zq::method_descriptor pon_status_method = {
     .entry = {.name = "pon_status",
               .get_struct = zq_get_pon_status_struct,
               .diag = zq_get_pon_status_diag,
@@ -191,3 +200,5 @@ const zq::method_descriptor zq::pon_status_method = {
               .envoy = zq::envoy<PON_RULES>},
     .fix_when = pon_status_fix_condition,
 };
+
+} // namespace zq

@@ -10,6 +10,8 @@
 #include "methods/result_word.h"
 #include "records/records.h"
 
+namespace zq {
+
 namespace {
 
 constexpr uint32_t SOME_PORT_UP = 1;
@@ -77,13 +79,15 @@ int zq_get_port_status_diag(zq_diag_args args) {
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules PORT_RULES = {zq::ANY_BLOCK, zq::in_out_exact(sizeof(uint32_t), sizeof(zqSD_port_diag)),
+constexpr zq::envoy_rules PORT_RULES = {zq::ANY_BLOCK, in_out_exact(sizeof(uint32_t), sizeof(zqSD_port_diag)),
                                         zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
 } // namespace
 
-const zq::method_descriptor zq::port_status_method = {
+const zq::method_descriptor port_status_method = {
     .entry = {.name = "port_status",
               .get_struct = zq_get_port_status_struct,
               .diag = zq_get_port_status_diag,
               .envoy = zq::envoy<PORT_RULES>},
 };
+
+} // namespace zq

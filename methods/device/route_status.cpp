@@ -10,6 +10,8 @@
 #include "methods/result_word.h"
 #include "records/records.h"
 
+namespace zq {
+
 namespace {
 
 constexpr size_t ROUTE_TEXT_SIZE = 512;
@@ -134,10 +136,12 @@ int route_status_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::route_status_method = {
+const zq::method_descriptor route_status_method = {
     .entry = {.name = "route_status",
               .get_struct = zq_get_route_status_struct,
               .diag = zq_get_route_status_diag,
               .envoy = zq::envoy<ROUTE_RULES>},
     .diag_when = route_status_condition,
 };
+
+} // namespace zq

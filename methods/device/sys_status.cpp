@@ -14,6 +14,11 @@
 #include "methods/result_word.h"
 #include "records/records.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 // The status block is the record without its fault word and padding.
@@ -282,6 +287,8 @@ int if_multi_udhcpd_exist() {
 
 // ---- Actions ------------------------------------------------------------------------------
 
+} // namespace zq
+
 // Writes 424 bytes at out_buf whatever out_size says: callers outside the
 // library must hand in a block of at least that size.
 int zq_get_sys_status_struct(zq_diag_args args) {
@@ -303,6 +310,8 @@ int zq_get_sys_status_struct(zq_diag_args args) {
     memcpy(args.out_buf, &block, SYS_BLOCK_SIZE);
     return 0;
 }
+
+namespace zq {
 
 int zq_get_sys_status_diag(zq_diag_args args) {
     zqSD_sys_diag record{};
@@ -358,7 +367,7 @@ int fix_multi_udhcpd() {
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules SYS_RULES = {zq::ANY_BLOCK, zq::out_exact(SYS_BLOCK_SIZE),
+constexpr zq::envoy_rules SYS_RULES = {zq::ANY_BLOCK, out_exact(SYS_BLOCK_SIZE),
                                        zq::out_exact(zq::RESULT_WORD_SIZE), zq::ANY_BLOCK};
 
 // A system under memory or CPU pressure is never repaired automatically.
@@ -369,7 +378,7 @@ int sys_status_fix_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::sys_status_method = {
+const zq::method_descriptor sys_status_method = {
     .entry = {.name = "sys_status",
               .get_struct = zq_get_sys_status_struct,
               .diag = zq_get_sys_status_diag,
@@ -377,3 +386,5 @@ const zq::method_descriptor zq::sys_status_method = {
               .envoy = zq::envoy<SYS_RULES>},
     .fix_when = sys_status_fix_condition,
 };
+
+} // namespace zq

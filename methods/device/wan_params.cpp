@@ -8,6 +8,8 @@
 #include "methods/result_word.h"
 #include "records/records.h"
 
+namespace zq {
+
 namespace {
 
 constexpr uint32_t NAT_OFF = 2;
@@ -58,7 +60,7 @@ int zq_get_wan_params_diag(zq_diag_args args) {
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules WAN_PARAMS_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, zq::out_exact(zq::RESULT_WORD_SIZE),
+constexpr zq::envoy_rules WAN_PARAMS_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, out_exact(zq::RESULT_WORD_SIZE),
                                               zq::ANY_BLOCK};
 
 int wan_params_condition() {
@@ -67,7 +69,9 @@ int wan_params_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::wan_params_method = {
+const zq::method_descriptor wan_params_method = {
     .entry = {.name = "wan_params", .diag = zq_get_wan_params_diag, .envoy = zq::envoy<WAN_PARAMS_RULES>},
     .diag_when = wan_params_condition,
 };
+
+} // namespace zq

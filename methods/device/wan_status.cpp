@@ -10,8 +10,7 @@
 #include "methods/methods.h"
 #include "records/records.h"
 
-const char wan_verdict_text[6][32] = {"connect normal",     "connect unstable",  "gateway unreachable",
-                                      "dhcp service error", "ppp service error", "static service errror"};
+namespace zq {
 
 namespace {
 
@@ -194,7 +193,7 @@ uint32_t wan_verdict_level(uint32_t verdict) {
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules WAN_RULES = {zq::ANY_BLOCK, zq::in_out_exact(sizeof(uint32_t), WAN_BLOCK_SIZE),
+constexpr zq::envoy_rules WAN_RULES = {zq::ANY_BLOCK, in_out_exact(sizeof(uint32_t), WAN_BLOCK_SIZE),
                                        zq::ANY_BLOCK, zq::ANY_BLOCK};
 
 // The WANs are looked at once some PON is registered (state 0).
@@ -203,10 +202,12 @@ int wan_status_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::wan_status_method = {
+const zq::method_descriptor wan_status_method = {
     .entry = {.name = "wan_status",
               .get_struct = zq_get_wan_status_struct,
               .diag = zq_get_wan_status_diag,
               .envoy = zq::envoy<WAN_RULES>},
     .diag_when = wan_status_condition,
 };
+
+} // namespace zq

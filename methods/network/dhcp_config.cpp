@@ -13,6 +13,8 @@
 #include "methods/methods.h"
 #include "records/records.h"
 
+namespace zq {
+
 namespace {
 
 // The server block is the record without its two result words.
@@ -126,16 +128,11 @@ struct server_check {
 
 constexpr server_check SERVER_CHECKS[] = {
     {SERVER_OFF, DIAG_MSG_WARN, "\"Enable DHCP Server\" in the \"LAN\" configuration is disable", server_off},
-    {POOL_OUTSIDE_SUBNET, DIAG_MSG_ERROR, "The address pool network segment is inconsistent with the ONU LAN network segment",
+    {POOL_OUTSIDE_SUBNET, DIAG_MSG_ERROR,
+     "The address pool network segment is inconsistent with the ONU LAN network segment",
      pool_outside_subnet},
-    {GATEWAY_NOT_SERVER, DIAG_MSG_ERROR, "The assigned gateway is different from the IP address", gateway_not_server},
-};
-
-// The LAN-side interfaces by their bit in a WAN's itfGroup.
-constexpr const char *LAN_SIDE_NAMES[] = {
-    "LAN1",           "LAN2",           "LAN3",           "LAN4",           "WLAN(AP0_5G)",
-    "WLAN(AP1_5G)",   "WLAN(AP2_5G)",   "WLAN(AP3_5G)",   "WLAN(AP4_5G)",   "WLAN(AP0_2.4G)",
-    "WLAN(AP1_2.4G)", "WLAN(AP2_2.4G)", "WLAN(AP3_2.4G)", "WLAN(AP4_2.4G)",
+    {GATEWAY_NOT_SERVER, DIAG_MSG_ERROR, "The assigned gateway is different from the IP address",
+     gateway_not_server},
 };
 
 // The LAN-side interfaces on which routed WANs switch LAN DHCP off, when
@@ -234,7 +231,7 @@ int zq_get_dhcp_config_fix(zq_diag_args) { return 0; }
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules DHCP_CONFIG_RULES = {zq::ANY_BLOCK, zq::out_exact(DHCP_BLOCK_SIZE), zq::ANY_BLOCK,
+constexpr zq::envoy_rules DHCP_CONFIG_RULES = {zq::ANY_BLOCK, out_exact(DHCP_BLOCK_SIZE), zq::ANY_BLOCK,
                                                zq::ANY_BLOCK};
 
 // A server that is switched off is the user's choice: no repair is offered.
@@ -245,7 +242,7 @@ int dhcp_config_fix_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::dhcp_config_method = {
+const zq::method_descriptor dhcp_config_method = {
     .entry = {.name = "dhcp_config",
               .get_struct = zq_get_dhcp_config_struct,
               .diag = zq_get_dhcp_config_diag,
@@ -253,3 +250,5 @@ const zq::method_descriptor zq::dhcp_config_method = {
               .envoy = zq::envoy<DHCP_CONFIG_RULES>},
     .fix_when = dhcp_config_fix_condition,
 };
+
+} // namespace zq

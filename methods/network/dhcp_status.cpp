@@ -10,6 +10,8 @@
 #include "methods/methods.h"
 #include "records/records.h"
 
+namespace zq {
+
 namespace {
 
 enum : uint32_t { DHCP_DISCOVER = 1, DHCP_OFFER = 2, DHCP_REQUEST = 4 };
@@ -111,7 +113,9 @@ int dhcp_status_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::dhcp_status_method = {
+const zq::method_descriptor dhcp_status_method = {
     .entry = {.name = "dhcp_status", .diag = zq_get_dhcp_status_diag, .envoy = zq::envoy<zq::OPEN_RULES>},
     .diag_when = dhcp_status_condition,
 };
+
+} // namespace zq

@@ -9,6 +9,11 @@
 #include "methods/methods.h"
 #include "records/records.h"
 
+// The exported functions below use the library's internals by name.
+using namespace zq;
+
+namespace zq {
+
 namespace {
 
 // Root name servers, probed in this order; the first answer ends it.
@@ -28,6 +33,8 @@ bool dns_answer_found(std::string_view lookup_output) { return !lookup_output.em
 int ping_reachable(uint8_t family, const char *source, const char *host) {
     return ping_request_verdict(family, zq::view(host), zq::view(source)) < PING_UNREACHABLE ? 0 : -1;
 }
+
+} // namespace zq
 
 int v4_ping_preset_dns(char *wan_record) {
     if (!wan_record) {
@@ -56,6 +63,8 @@ int if_dns_avaliable(char *) {
     zq_diag_msg_printf(DIAG_MSG_ERROR, "DNS is unavailable");
     return 0;
 }
+
+namespace zq {
 
 int zq_get_dns_status_diag(zq_diag_args) {
     bool names_checked = false;
@@ -89,7 +98,9 @@ int dns_status_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::dns_status_method = {
+const zq::method_descriptor dns_status_method = {
     .entry = {.name = "dns_status", .diag = zq_get_dns_status_diag, .envoy = zq::envoy<zq::OPEN_RULES>},
     .diag_when = dns_status_condition,
 };
+
+} // namespace zq

@@ -11,6 +11,8 @@
 #include "methods/methods.h"
 #include "methods/result_word.h"
 
+namespace zq {
+
 namespace {
 
 constexpr size_t PING_TEXT_SIZE = 256;
@@ -154,10 +156,12 @@ constexpr zq::envoy_rules PING_RULES = {
 };
 } // namespace
 
-const zq::method_descriptor zq::ping_method = {
+const zq::method_descriptor ping_method = {
     .entry = {.name = "ping",
               .raw_data = zq_get_ping_raw_data,
               .get_struct = zq_get_ping_struct,
               .diag = zq_get_ping_diag,
               .envoy = zq::envoy<PING_RULES>},
 };
+
+} // namespace zq

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
+namespace zq {
+
 constexpr uint32_t PPPOE_TEXT_SIZE = 4096; // the whole decoded text, one session block
 constexpr size_t PPPOE_SERVICE_NAME = 35;  // a service name and its terminator
 constexpr size_t PPPOE_SERVER_SLOTS = 20;  // requested services analysed per capture
@@ -57,3 +59,5 @@ char *last_conf_request(char *text, const char *kind);
 // were found.
 int parse_lcp_options(char *block, lcp_options &out);
 int parse_ipcp_options(char *block, ipcp_options &out);
+
+} // namespace zq

@@ -9,9 +9,11 @@
 #include "engine/log.h"
 #include "engine/util.h"
 #include "methods/methods.h"
-#include "methods/result_word.h"
 #include "methods/network/pppoe_analysis.h"
+#include "methods/result_word.h"
 #include "records/records.h"
+
+namespace zq {
 
 namespace {
 
@@ -386,7 +388,7 @@ int zq_get_pppoe_diag(zq_diag_args args) {
 // ---- Descriptor -------------------------------------------------------------
 
 namespace {
-constexpr zq::envoy_rules PPPOE_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, zq::out_exact(zq::RESULT_WORD_SIZE),
+constexpr zq::envoy_rules PPPOE_RULES = {zq::ANY_BLOCK, zq::ANY_BLOCK, out_exact(zq::RESULT_WORD_SIZE),
                                          zq::ANY_BLOCK};
 
 int pppoe_status_condition() {
@@ -396,7 +398,9 @@ int pppoe_status_condition() {
 }
 } // namespace
 
-const zq::method_descriptor zq::pppoe_status_method = {
+const zq::method_descriptor pppoe_status_method = {
     .entry = {.name = "pppoe_status", .diag = zq_get_pppoe_diag, .envoy = zq::envoy<PPPOE_RULES>},
     .diag_when = pppoe_status_condition,
 };
+
+} // namespace zq

@@ -9,6 +9,8 @@
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
 
+using namespace zq;
+
 namespace {
 
 constexpr const char *CANARY = "/tmp/canary";

@@ -21,6 +21,8 @@
 
 #include "capture/capture.h"
 
+using namespace zq;
+
 namespace {
 
 using argv_t = std::vector<std::string>;

@@ -6,6 +6,8 @@
 
 #include "records/records.h"
 
+using namespace zq;
+
 namespace {
 
 struct Node {

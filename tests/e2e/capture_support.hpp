@@ -8,6 +8,8 @@
 #include "capture/capture.h"
 #include "zq_diag.h"
 
+using namespace zq;
+
 namespace e2e {
 
 // Starts a user capture (mode 0 single, 1 rotate) on all interfaces through

@@ -15,6 +15,8 @@
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
 
+using namespace zq;
+
 namespace {
 
 // Runs `cmd` into a buffer of `size` bytes pre-filled with `fill`.

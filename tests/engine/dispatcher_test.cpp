@@ -4,6 +4,8 @@
 
 #include "engine/engine.h"
 
+using namespace zq;
+
 namespace {
 
 std::string dispatch_log(const char *method, uint32_t action, zq_diag_args args, int *rc) {

@@ -5,6 +5,8 @@
 
 #include "engine/engine.h"
 
+using namespace zq;
+
 namespace {
 
 class MessageLog : public ::testing::Test {

@@ -12,6 +12,8 @@
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
 
+using namespace zq;
+
 namespace {
 
 int permit_value() {

@@ -6,6 +6,8 @@
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
 
+using namespace zq;
+
 namespace {
 
 uint64_t first_pid(const std::string &pgrep_output) {

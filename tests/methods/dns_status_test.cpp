@@ -4,6 +4,8 @@
 
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 const char *const ROOTS[] = {"192.5.5.241", "192.36.148.17", "192.203.230.10"};

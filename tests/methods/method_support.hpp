@@ -10,6 +10,8 @@
 #include "engine/util.h"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace method_test {
 
 struct Step {

@@ -5,6 +5,8 @@
 
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr uint32_t UNTOUCHED = 77;

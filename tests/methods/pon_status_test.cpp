@@ -8,6 +8,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace {
 
 struct Outcome {

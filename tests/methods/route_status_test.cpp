@@ -4,6 +4,8 @@
 
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 const char *const TITLE = "Kernel IP routing table\n"

@@ -7,6 +7,8 @@
 #include "methods/methods.h"
 #include "tests/methods/method_support.hpp"
 
+using namespace zq;
+
 namespace {
 
 using method_test::records;

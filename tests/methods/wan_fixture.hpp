@@ -13,6 +13,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 class WanMethod : public ::testing::Test {
   protected:
     void SetUp() override {

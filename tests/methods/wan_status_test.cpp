@@ -4,6 +4,8 @@
 
 #include "methods/methods.h"
 
+using namespace zq;
+
 namespace {
 
 class WanStatus : public WanMethod {

@@ -6,6 +6,8 @@
 #include "methods/methods.h"
 #include "wan_lab.hpp"
 
+using namespace zq;
+
 namespace {
 
 constexpr const char *WAN_NAME = "1_TR069_INTERNET_R_VID_100";

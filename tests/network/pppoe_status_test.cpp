@@ -7,6 +7,8 @@
 #include "methods/network/pppoe_analysis.h"
 #include "wan_lab.hpp"
 
+using namespace zq;
+
 namespace {
 
 constexpr const char *WAN_NAME = "2_INTERNET_R_VID_200";

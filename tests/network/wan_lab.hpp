@@ -15,6 +15,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace wanlab {
 
 // Stores a WAN record that is down, as wan_status would (texts cut to

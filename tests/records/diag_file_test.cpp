@@ -13,6 +13,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace {
 
 const std::string DIAG_LOG = "/tmp/diag_file/diag_log";

@@ -12,6 +12,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace {
 
 using Steps = std::vector<std::string>;

@@ -9,6 +9,8 @@
 #include "lab/zqlab.hpp"
 #include "records/records.h"
 
+using namespace zq;
+
 namespace {
 
 class RunControl : public ::testing::Test {

@@ -15,6 +15,8 @@
 #include "lab/zqlab.hpp"
 #include "upload/upload.h"
 
+using namespace zq;
+
 namespace {
 
 constexpr const char *SERVER = "203.0.113.21";
