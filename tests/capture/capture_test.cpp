@@ -44,16 +44,6 @@ class Capture : public ::testing::Test {
     }
 };
 
-TEST_F(Capture, AllowanceComesFromTheFileAndOnlyLowers) {
-    const std::pair<const char *, uint64_t> cases[] = {{"2", 2}, {"9", 3}, {"-1", 3}, {"0", 0}, {"junk", 0}};
-    for (const auto &[text, allowance] : cases) {
-        zqlab::set("tcpdump.max_size", text);
-        EXPECT_EQ(get_max_size_of_tcpdump_file(), allowance) << text;
-    }
-    zqlab::unset("tcpdump.max_size");
-    EXPECT_EQ(get_max_size_of_tcpdump_file(), 3u);
-}
-
 TEST_F(Capture, RequestsOutsideTheirRangesAreRefused) {
     const std::pair<tcpdump_req, const char *> cases[] = {
         {request(0, 5001, "lo"), "catch_count is invalid [cout 5001]"},
@@ -125,69 +115,6 @@ TEST_F(Capture, PackingTheRotatedFiles) {
     EXPECT_FALSE(zqlab::file_exists(ZQ_CAPTURE_TAR));
 }
 
-TEST_F(Capture, FilterRules) {
-    // A caller's filter is refused only when no expression can be it.
-    for (const char *ok : {"", "icmp", "(icmp)", "ether[0]==1", "icmp && arp", "'! host 192.0.2.5'",
-                           "icmp -w /tmp/x", "\"icmp\"", "a\\;b", "host *", "udp\tport 53"})
-        EXPECT_EQ(capture_filter_refusal(ok), nullptr) << ok;
-    for (const char *bad : {"a\nb", "-w /tmp/x", " -z sh", "'-r /tmp/x'", "icmp\r", "\x7f"})
-        EXPECT_NE(capture_filter_refusal(bad), nullptr) << bad;
-    for (const char *ok : {"lo", "nas0_0", "eth0.100", "any"}) EXPECT_TRUE(zq::is_interface_name(ok)) << ok;
-    for (const char *bad : {"", "-w", "lo;x", "a b", "lo$x", "sixteen_chars_xx", "lo/x", ".", ".."})
-        EXPECT_FALSE(zq::is_interface_name(bad)) << bad;
-    EXPECT_TRUE(is_decode_filter(DHCP_DECODE_FILTER));
-    EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 12 ) "
-                                 "and (pppoed or pppoes)\" "));
-    EXPECT_TRUE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == -12 ) "
-                                 "and (pppoed or pppoes)\" "));
-    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == 1;x ) "
-                                  "and (pppoed or pppoes)\" "));
-    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == - ) "
-                                  "and (pppoed or pppoes)\" "));
-    EXPECT_FALSE(is_decode_filter("-tv \" (ether[10:1]==0x00 or ether[10:1]==0x04 ) and (ether[4:4] == --1 ) "
-                                  "and (pppoed or pppoes)\" "));
-    EXPECT_FALSE(is_decode_filter("-tve 'icmp' -w /tmp/x"));
-}
-
-// The arguments of the running tcpdump, as the kernel holds them.
-std::vector<std::string> running_tcpdump_argv() {
-    const std::vector<int> pids = zqlab::pids("tcpdump");
-    if (pids.size() != 1) return {"(" + std::to_string(pids.size()) + " tcpdump processes)"};
-    const std::string cmdline = zqlab::read_file("/proc/" + std::to_string(pids[0]) + "/cmdline");
-    std::vector<std::string> argv;
-    for (size_t at = 0, end; at < cmdline.size(); at = end + 1) {
-        end = cmdline.find('\0', at);
-        if (end == std::string::npos) end = cmdline.size();
-        argv.push_back(cmdline.substr(at, end - at));
-    }
-    return argv;
-}
-
-// Filters as an operator types them start the real tcpdump, which gets
-// each as one argument, byte for byte; wrapped in quotes, the same.
-TEST_F(Capture, EveryValidFilterStartsTcpdumpWhole) {
-    for (const std::string expression :
-         {"udp and (port 67 or port 68)", "(tcp port 80 or tcp port 443) and not host 10.0.0.1",
-          "ip[2:2] > 576", "ether[0] & 1 != 0", "vlan 100 && udp", "!(icmp)", "portrange 6000-6010",
-          "ether host 00:11:22:33:44:55"}) {
-        for (const std::string &filter : {expression, "'" + expression + "'"}) {
-            const std::string log =
-                log_of([&] { EXPECT_EQ(zq_get_tcpdump_file(request(0, 5000, "lo", filter.c_str())), 0); });
-            EXPECT_EQ(running_tcpdump_argv(),
-                      (std::vector<std::string>{"tcpdump", "-v", "-i", "lo", expression, "-c", "5000", "-w",
-                                                ZQ_CAPTURE_PCAP}))
-                << filter << "\n"
-                << log;
-            stop_tcpdump_catch();
-        }
-    }
-    // Rotate mode puts the filter last.
-    ASSERT_EQ(zq_get_tcpdump_file(request(1, 1, "lo", "'! host 203.0.113.21'")), 0);
-    EXPECT_EQ(running_tcpdump_argv(),
-              (std::vector<std::string>{"tcpdump", "-v", "-i", "lo", "-C", "1", "-W", "2", "-w",
-                                        ZQ_CAPTURE_PCAP, "! host 203.0.113.21"}));
-}
-
 // Injection payloads through every way outside text reaches a command:
 // none runs, nothing starts.
 TEST_F(Capture, OutsideTextNeverReachesTheShell) {
@@ -211,14 +138,6 @@ TEST_F(Capture, OutsideTextNeverReachesTheShell) {
     EXPECT_FALSE(tcpdump_runs());
     EXPECT_FALSE(zqlab::file_exists(CANARY));
     EXPECT_FALSE(zqlab::file_exists("/tmp/capture_file/capture_parse"));
-}
-
-TEST_F(Capture, DiagnosisCaptureReusesItsFile) {
-    zqlab::write_file(ZQ_CAPTURE_PCAP, "kept");
-    EXPECT_EQ(zq_diag_capture(nullptr), 0);
-    EXPECT_TRUE(zqlab::journal("diagM").empty());
-    EXPECT_EQ(zqlab::read_file(ZQ_CAPTURE_PCAP), "kept");
-    EXPECT_EQ(grep_tcpdump_parse(""), 0);
 }
 
 // ---- capture_set and the watchdog ---------------------------------------------

@@ -263,46 +263,6 @@ TEST(CliDiagnose, ExitStatusFollowsTheFindingsAndEveryFindingIsShown) {
     EXPECT_FALSE(permit_taken());
 }
 
-// The modes of the health methods run one step each.
-TEST(CliDiagnose, PortSystemAndLanModesRunTheirStepOnly) {
-    const std::pair<const char *, std::string> modes[] = {
-        {"1", "== port_status (diag)\n    [normal ] Port[1] up\n    [warn   ] Port[2] down\n"},
-        {"4", "== sys_status (diag)\n    [normal ] The system status diagnosis is normal\n"},
-        {"7", "== dhcp_config (diag)\n    [normal ] The lan configuration diagnosis is normal\n"}};
-    for (const auto &[mode, shown] : modes) {
-        const CliResult r = cli({"diagnose", "--mode", mode});
-        EXPECT_EQ(r.status, 0) << mode << r.out << r.err;
-        EXPECT_TRUE(contains(r.out, shown)) << mode << r.out;
-        EXPECT_TRUE(contains(r.out, "Diagnosis: 1 step run (")) << mode << r.out;
-        EXPECT_FALSE(contains(r.out, "pon_status")) << mode << r.out;
-    }
-    zqlab::scenario("ports-down");
-    EXPECT_EQ(cli({"diagnose", "--mode", "1"}).status, 1) << "all ports down is an error";
-}
-
-// The WAN modes take their steps only: 5 the parameters, 6 the Internet
-// and names, 9 the routes.
-TEST(CliDiagnose, WanModes) {
-    fast_pings();
-    struct ModeCase {
-        const char *mode;
-        const char *shown;
-        std::vector<std::string> not_shown;
-    };
-    const ModeCase cases[] = {
-        {"5", "[ipv4] params:", {"Internet connectivity", "Route of"}},
-        {"6", "Internet connectivity is normal", {"[ipv4] params:", "Route of"}},
-        {"9", "Route of 1_TR069_INTERNET_R_VID_100 is normal", {"[ipv4] params:", "Internet connectivity"}}};
-    for (const ModeCase &c : cases) {
-        const CliResult r = cli({"diagnose", "--mode", c.mode});
-        EXPECT_EQ(r.status, 0) << c.mode << "\n" << r.out << r.err;
-        EXPECT_TRUE(contains(r.out, "[v4] connect normal")) << r.out;
-        EXPECT_TRUE(contains(r.out, c.shown)) << r.out;
-        for (const std::string &other : c.not_shown)
-            EXPECT_FALSE(contains(r.out, other)) << c.mode << "\n" << r.out;
-    }
-}
-
 TEST(CliDiagnose, PermitHeldByAnotherProcessIsReportedAndKept) {
     ASSERT_EQ(get_diag_permit(), 0);
     for (const std::vector<std::string> &args :
@@ -344,21 +304,6 @@ TEST(CliDiagnose, TimeoutGivesThePermitBack) {
     EXPECT_EQ(r.status, 4) << r.out << r.err;
     EXPECT_TRUE(contains(r.err, "timed out after 1 s")) << r.err;
     EXPECT_FALSE(permit_taken());
-}
-
-TEST(CliDiagnose, InterruptGivesThePermitBack) {
-    hang_diagnosis_manager();
-    const pid_t pid = spawn({"diagnose"});
-    ASSERT_GT(pid, 0);
-    // The run holds the permit from its first step on, and hangs there.
-    for (int i = 0; i < 3000 && !permit_taken(); ++i) usleep(10000);
-    const bool taken = permit_taken();
-    kill(pid, SIGINT);
-    const CliResult r = collect(pid);
-    ASSERT_TRUE(taken) << "the run never took the permit";
-    EXPECT_EQ(r.status, 130) << r.out << r.err;
-    EXPECT_TRUE(contains(r.err, "interrupted")) << r.err;
-    EXPECT_FALSE(permit_taken()) << r.err;
 }
 
 // ---- repair -----------------------------------------------------------------
@@ -498,18 +443,5 @@ TEST(CliRecordsText, ShowsEveryRecordWithItsFields) {
 }
 
 // ---- package and permit -----------------------------------------------------
-
-TEST(CliPackage, ListsTheMembersOfTheArchive) {
-    fast_pings();
-    EXPECT_EQ(cli({"package"}).status, 1) << "nothing to pack before any diagnosis";
-    ASSERT_NE(cli({"diagnose"}).status, 3);
-    const CliResult r = cli({"package"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(contains(r.out, "/tmp/diag_file/diag_log.tar")) << r.out;
-    const std::vector<std::string> members = lines_of(zqlab::run("tar -tf /tmp/diag_file/diag_log.tar"));
-    ASSERT_FALSE(members.empty());
-    for (const std::string &member : members) EXPECT_TRUE(contains(r.out, "  " + member + "\n")) << member;
-    EXPECT_TRUE(contains(r.out, "  diag_log\n")) << r.out;
-}
 
 } // namespace

@@ -68,59 +68,6 @@ size_t running(const char *name) {
 zqSD_sys_diag sys_record() { return only_record<zqSD_sys_diag>(SYS_DIAG_DATA); }
 zqSD_dhcp_diag lan_record() { return only_record<zqSD_dhcp_diag>(DHCP_DIAG_DATA); }
 
-TEST(Health, HealthyGatewayNeedsNoRepair) {
-    const Diagnosis d = diagnose("healthy-gpon");
-    EXPECT_EQ(d.ports, PORTS_OF_HEALTHY);
-    EXPECT_EQ(d.lan, LAN_NORMAL);
-    EXPECT_EQ(d.sys, SYS_NORMAL);
-    // The path opens with the ports and closes with the system.
-    EXPECT_EQ(d.log.find("\n>>>> port_status diag <<<<\n"), 0u);
-    EXPECT_LT(d.log.find(">>>> sys_status diag"), d.log.find(">>>>>>> DIAG DATA"));
-    EXPECT_GT(d.log.find(">>>> sys_status diag"), d.log.find(">>>> dhcp_config diag"));
-
-    const zqSD_sys_diag sys = sys_record();
-    EXPECT_EQ(sys.fault_flags, 0u);
-    EXPECT_EQ(sys.sys_cpu_usage, 12u);
-    EXPECT_EQ(sys.sys_mem_usage, 47u);
-    EXPECT_EQ(sys.pid_boa, pid_of("boa"));
-    EXPECT_EQ(sys.pid_omci_oam, pid_of("omci_app"));
-    EXPECT_STREQ(sys.dnsmasq, "198.51.100.53/198.51.100.54/");
-    const zqSD_dhcp_diag lan = lan_record();
-    EXPECT_EQ(lan.server_running, 1u);
-    EXPECT_STREQ(lan.ip_addr, "192.168.1.1");
-    EXPECT_EQ(records<zqSD_port_diag>(PORT_DIAG_DATA).size(), 4u);
-    EXPECT_EQ(is_zq_fix_available(), 0);
-    EXPECT_EQ(repair(), REPAIR_ONLY_ENDS);
-}
-
-TEST(Health, DroppedWebServerIsRestarted) {
-    Diagnosis d = diagnose("boa-dropped");
-    EXPECT_EQ(d.sys, BOA_DROPPED);
-    EXPECT_EQ(sys_record().fault_flags, 1u);
-    EXPECT_EQ(sys_record().pid_boa, 0u);
-    EXPECT_EQ(is_zq_fix_available(), 1);
-    EXPECT_EQ(repair(), "[success]The boa process succeeded in being fixed\n");
-    EXPECT_EQ(zqlab::journal("boa"), std::vector<std::string>{"boa"});
-    EXPECT_EQ(running("boa"), 1u);
-    d = diagnose("");
-    EXPECT_EQ(d.sys, SYS_NORMAL);
-}
-
-TEST(Health, DroppedRemoteManagementClientCountsOnlyWhenEnabled) {
-    Diagnosis d = diagnose("cwmp-dropped");
-    EXPECT_EQ(d.sys, CWMP_DROPPED);
-    EXPECT_EQ(sys_record().fault_flags, 2u);
-    EXPECT_EQ(repair(), "[success]The cwmpClient process succeeded in being fixed\n");
-    EXPECT_EQ(running("cwmpClient"), 1u);
-
-    d = diagnose("cwmp-disabled");
-    EXPECT_EQ(d.sys, SYS_NORMAL);
-    EXPECT_EQ(sys_record().pid_cwmpClient, 0u);
-    EXPECT_EQ(is_zq_fix_available(), 0);
-    EXPECT_EQ(repair(), REPAIR_ONLY_ENDS);
-    EXPECT_TRUE(zqlab::pids("cwmpClient").empty());
-}
-
 TEST(Health, FailedRestartIsReportedAndTheRepairGoesOn) {
     diagnose("restart-fails");
     EXPECT_EQ(step_findings(e2e::diag_log(), "sys_status"), std::string(BOA_DROPPED) + CWMP_DROPPED);
@@ -129,30 +76,6 @@ TEST(Health, FailedRestartIsReportedAndTheRepairGoesOn) {
                         "[success]The cwmpClient process succeeded in being fixed\n");
     EXPECT_TRUE(zqlab::pids("boa").empty());
     EXPECT_EQ(running("cwmpClient"), 1u);
-}
-
-// A loaded system is diagnosed but never repaired.
-TEST(Health, HighCpuLoadWithholdsTheRepair) {
-    const Diagnosis d = diagnose("cpu-high");
-    EXPECT_EQ(d.sys, std::string("[warn   ]System CPU usage exceeded 80%\n") + BOA_DROPPED);
-    const zqSD_sys_diag sys = sys_record();
-    EXPECT_EQ(sys.fault_flags, 33u);
-    EXPECT_EQ(sys.sys_cpu_usage, 95u);
-    EXPECT_EQ(is_zq_fix_available(), 0);
-    EXPECT_EQ(repair(), REPAIR_ONLY_ENDS);
-    EXPECT_TRUE(zqlab::journal("boa").empty());
-    EXPECT_TRUE(zqlab::pids("boa").empty());
-}
-
-TEST(Health, HighMemoryUseWithholdsTheRepair) {
-    const Diagnosis d = diagnose("memory-high");
-    EXPECT_EQ(d.sys, std::string("[warn   ]System memory usage exceeded 80%\n") + MULTI_LAN);
-    const zqSD_sys_diag sys = sys_record();
-    EXPECT_EQ(sys.fault_flags, 80u);
-    EXPECT_EQ(sys.sys_mem_usage, 90u);
-    EXPECT_EQ(sys.sys_mem_free, 23476u);
-    EXPECT_EQ(repair(), REPAIR_ONLY_ENDS);
-    EXPECT_EQ(zqlab::pids("udhcpd").size(), 2u);
 }
 
 TEST(Health, DuplicateLanDhcpServersBecomeOne) {
@@ -179,34 +102,6 @@ TEST(Health, EponWithoutItsOamDaemonAsksForARestartOfTheDevice) {
     EXPECT_EQ(sys_record().fault_flags, 8u);
     EXPECT_EQ(repair(), "[warn   ]The OAM process cannot be repaired,please restart the ONU\n");
     EXPECT_TRUE(zqlab::pids("eponoamd").empty());
-}
-
-TEST(Health, LanDhcpServerOff) {
-    const Diagnosis d = diagnose("dhcp-server-off");
-    EXPECT_EQ(d.lan, "[warn   ]\"Enable DHCP Server\" in the \"LAN\" configuration is disable\n");
-    EXPECT_EQ(d.sys, SYS_NORMAL) << "no server is no duplicate";
-    const zqSD_dhcp_diag lan = lan_record();
-    EXPECT_EQ(lan.fault_flags, 1u);
-    EXPECT_EQ(lan.server_running, 0u);
-    EXPECT_EQ(is_zq_fix_available(), 0);
-    EXPECT_NE(d.log.find("dhcp_config_struct.ip_addr = \n"), std::string::npos) << "the file was not read";
-}
-
-// The repair has nothing to do with a configuration, but the availability
-// query says a repair is possible.
-TEST(Health, PoolAndRouterMismatchesAreReportedNotRepaired) {
-    Diagnosis d = diagnose("dhcp-pool-mismatch");
-    EXPECT_EQ(d.lan, "[error  ]The address pool network segment is inconsistent with the ONU LAN network "
-                     "segment\n");
-    EXPECT_EQ(lan_record().fault_flags, 2u);
-    EXPECT_EQ(is_zq_fix_available(), 1);
-    EXPECT_EQ(repair(), REPAIR_ONLY_ENDS);
-    EXPECT_EQ(step_findings(e2e::diag_log(), "dhcp_config", "fix"), REPAIR_ONLY_ENDS);
-
-    d = diagnose("dhcp-router-mismatch");
-    EXPECT_EQ(d.lan, "[error  ]The assigned gateway is different from the IP address\n");
-    EXPECT_EQ(lan_record().fault_flags, 4u);
-    EXPECT_NE(d.log.find("dhcp_config_struct.gateway = 192.168.1.254\n"), std::string::npos);
 }
 
 TEST(Health, OddButSoundConfigurationIsReadAsItStands) {
@@ -236,26 +131,6 @@ TEST(Health, RoutedWanSwitchesLanDhcpOff) {
     const zqSD_dhcp_diag lan = lan_record();
     EXPECT_EQ(lan.lan_dhcp_disabled, 0x41au);
     EXPECT_EQ(lan.fault_flags, 0u);
-}
-
-TEST(Health, AllPortsDown) {
-    const Diagnosis d = diagnose("ports-down");
-    EXPECT_EQ(d.ports, "[warn   ]Port[1] down\n[warn   ]Port[2] down\n[warn   ]Port[3] down\n"
-                       "[warn   ]Port[4] down\n[error  ]All ports down\n");
-    for (const zqSD_port_diag &port : records<zqSD_port_diag>(PORT_DIAG_DATA))
-        EXPECT_STREQ(port.status, "Down");
-}
-
-TEST(Health, TenPortsKeepEightRecords) {
-    const Diagnosis d = diagnose("ten-ports");
-    const std::string last = "[warn   ]Port[9] down\n[normal ]Port[10] up\n";
-    ASSERT_GT(d.ports.size(), last.size());
-    EXPECT_EQ(d.ports.substr(d.ports.size() - last.size()), last) << d.ports;
-    const auto ports = records<zqSD_port_diag>(PORT_DIAG_DATA);
-    ASSERT_EQ(ports.size(), 8u);
-    EXPECT_STREQ(ports[7].status, "Down");
-    EXPECT_EQ(d.log.find(">> port 9\n"), std::string::npos);
-    EXPECT_NE(d.log.find(">> port 8\n"), std::string::npos);
 }
 
 } // namespace

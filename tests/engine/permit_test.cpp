@@ -16,68 +16,10 @@ using namespace zq;
 
 namespace {
 
-int permit_value() {
-    sem_t *sem = sem_open("diag_permit", 0);
-    if (sem == SEM_FAILED) return -1;
-    int value = -1;
-    sem_getvalue(sem, &value);
-    return value;
-}
-
 std::string logged(int (*fn)(), int *rc) {
     testing::internal::CaptureStdout();
     *rc = fn();
     return testing::internal::GetCapturedStdout();
-}
-
-// Runs `fn` in a child process and returns its result.
-int in_child(int (*fn)()) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(fn() & 0xff);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return static_cast<signed char>(WEXITSTATUS(status));
-}
-
-TEST(Permit, NoDiagnosisManagerMeansNoPermit) {
-    zqlab::set("diagm.running", "no");
-    int rc = 0;
-    std::string log = logged(get_diag_permit, &rc);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(log, "");
-    struct stat st;
-    EXPECT_NE(stat("/dev/shm/sem.diag_permit", &st), 0) << "the semaphore must not be touched";
-}
-
-TEST(Permit, TakenOnceUntilGivenBack) {
-    EXPECT_EQ(get_diag_permit(), 0);
-    EXPECT_EQ(get_diag_permit(), -1);
-    EXPECT_EQ(is_diag_permit_holding(), 1);
-    EXPECT_EQ(is_diag_avaliable(), 0);
-    EXPECT_EQ(release_diag_permit(), 0);
-    EXPECT_EQ(is_diag_permit_holding(), 0);
-    EXPECT_EQ(is_diag_avaliable(), 1);
-    EXPECT_EQ(get_diag_permit(), 0);
-}
-
-TEST(Permit, ReleaseNeverRaisesTheValueAboveOne) {
-    EXPECT_EQ(release_diag_permit(), 0);
-    EXPECT_EQ(release_diag_permit(), 0);
-    EXPECT_EQ(permit_value(), 1);
-    ASSERT_EQ(get_diag_permit(), 0);
-    EXPECT_EQ(permit_value(), 0);
-    release_diag_permit();
-    release_diag_permit();
-    EXPECT_EQ(permit_value(), 1);
-}
-
-TEST(Permit, SharedAcrossProcesses) {
-    EXPECT_EQ(in_child(get_diag_permit), 0);
-    EXPECT_EQ(in_child(get_diag_permit), -1);
-    EXPECT_EQ(is_diag_permit_holding(), 1);
-    EXPECT_EQ(in_child(release_diag_permit), 0);
-    EXPECT_EQ(is_diag_permit_holding(), 0);
-    EXPECT_EQ(get_diag_permit(), 0);
 }
 
 TEST(Permit, CpuAlarmRefusesAndMemoryAlarmOnlyWarns) {
@@ -100,44 +42,6 @@ TEST(Permit, CpuAlarmRefusesAndMemoryAlarmOnlyWarns) {
 
     zqlab::set("alarm", "0");
     EXPECT_EQ(is_diag_avaliable(), 1);
-}
-
-TEST(Permit, GrantSignalsTheDiagnosisManager) {
-    int before = zqlab::sigusr2_count();
-    ASSERT_EQ(get_diag_permit(), 0);
-    int after = before;
-    for (int i = 0; i < 200 && after == before; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        after = zqlab::sigusr2_count();
-    }
-    EXPECT_EQ(after, before + 1);
-}
-
-TEST(Permit, PidFileIsReadAsALeadingNumber) {
-    std::string pid = zqlab::read_file("/var/run/diagM.pid");
-    zqlab::write_file("/var/run/diagM.pid", std::to_string(std::stoi(pid)) + std::string(60, ' ') + "tail");
-    EXPECT_GT(read_diag_manager_pid(), 0);
-    zqlab::write_file("/var/run/diagM.pid", std::string(40, '7'));
-    EXPECT_GE(read_diag_manager_pid(), 0); // out of range: no crash, no wrap to a negative pid
-    zqlab::write_file("/var/run/diagM.pid", "garbage");
-    EXPECT_EQ(read_diag_manager_pid(), 0);
-    zqlab::write_file("/var/run/diagM.pid", "-1");
-    EXPECT_EQ(read_diag_manager_pid(), -1);
-}
-
-// Only a pid of 0 means no manager. A negative pid still lets the permit be
-// granted, and nothing is signalled: kill(-1, SIGUSR2) would end this very
-// process, and the lab's manager counts no signal.
-TEST(Permit, NegativePidIsAManagerThatIsNeverSignalled) {
-    const int before = zqlab::sigusr2_count();
-    const std::string pid_file = zqlab::read_file("/var/run/diagM.pid");
-    zqlab::write_file("/var/run/diagM.pid", "-1\n");
-    EXPECT_EQ(get_diag_permit(), 0);
-    EXPECT_EQ(is_diag_permit_holding(), 1);
-    notify_diag_manager();
-    EXPECT_EQ(release_diag_permit(), 0);
-    zqlab::write_file("/var/run/diagM.pid", pid_file); // the lab finds its manager by it
-    EXPECT_EQ(zqlab::sigusr2_count(), before);
 }
 
 TEST(ManagerQueries, SettingsAreReadFromDiagM) {

@@ -78,15 +78,6 @@ TEST_P(PppoeExchange, DiagnosisOfARealExchange) {
     EXPECT_EQ(zqlab::journal("diagM").back(), "diagM restart_wan");
 }
 
-// The analysis of each fixture alone, without a capture.
-TEST_P(PppoeExchange, AnalysisOfTheFixture) {
-    const PppoeCase &c = GetParam();
-    zqlab::write_file("/tmp/capture_file/capture_parse",
-                      wanlab::fixture(std::string("pppoe-") + c.name + ".txt"));
-    EXPECT_EQ(zq_check_pppoe_error(), c.verdict);
-    EXPECT_EQ(std::string(zq_diag_msg), c.findings);
-}
-
 INSTANTIATE_TEST_SUITE_P(Outcomes, PppoeExchange, ::testing::ValuesIn(CASES),
                          [](const auto &param_info) { return std::string(param_info.param.name); });
 
@@ -145,37 +136,6 @@ TEST_F(PppoeStatus, PacketsOfAnotherInterfaceOnly) {
     EXPECT_TRUE(wanlab::logged_as(log, "zq_get_pppoe_diag", "filter_special_error!")) << log;
 }
 
-TEST_F(PppoeStatus, RulesOnTheWholeText) {
-    const std::string success = wanlab::fixture("pppoe-success.txt");
-    const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
-    // A session that came up wins over failed ones before it.
-    EXPECT_EQ(analyse(wanlab::fixture("pppoe-no_concentrator.txt") + success), 6u);
-    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]\tIt may be normal this time!\n");
-    // PPPoE packets without a PADI: no finding.
-    std::string no_padi = chap.substr(chap.find('\n') + 1);
-    EXPECT_EQ(analyse(no_padi), 4u);
-    EXPECT_STREQ(zq_diag_msg, "");
-    EXPECT_EQ(analyse("nas0_1 Out IP 192.0.2.1 > 192.0.2.2: ICMP echo request\n"), 4u);
-    EXPECT_EQ(std::string(zq_diag_msg), "[warn   ]\tNot found any pppoe packets!\n");
-    // An empty Service-Name tag in the PADIs names no service.
-    EXPECT_EQ(analyse("nas0_1 Out PPPoE PADI [Service-Name] [Host-Uniq 0x00000003]\n"), 5u);
-    EXPECT_EQ(std::string(zq_diag_msg), "[warn   ]\tNo servers respond!\n");
-}
-
-TEST_F(PppoeStatus, SessionsAreReportedOncePerService) {
-    const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
-    const std::string ipcp = wanlab::fixture("pppoe-ipcp_not_agreed.txt");
-    EXPECT_EQ(analyse(chap + chap), 0u);
-    EXPECT_EQ(std::string(zq_diag_msg), "[normal ]Requested server1 (isp1): \n[error  ]\tAuth fail!\n");
-    // A CHAP failure inside a session that reached IPCP: the IPCP rule only.
-    std::string both = ipcp;
-    both.insert(both.find("nas0_1 In  PPPoE  [ses 0x1] IPCP"),
-                "nas0_1 In  PPPoE  [ses 0x1] CHAP, Fail (0x04), id 2\n");
-    EXPECT_EQ(analyse(both), 0u);
-    EXPECT_EQ(std::string(zq_diag_msg).find("Auth fail"), std::string::npos) << zq_diag_msg;
-    EXPECT_NE(std::string(zq_diag_msg).find("IPCP  fail"), std::string::npos);
-}
-
 TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
     const std::string chap = wanlab::fixture("pppoe-chap_failure.txt");
     std::string padded = chap;
@@ -198,43 +158,6 @@ TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
     EXPECT_LT(strlen(text), sizeof(text));
     EXPECT_EQ(zq_file_to_buffer(&buffer, "/tmp/capture_file/none"), 0);
     EXPECT_EQ(zq_file_to_buffer(nullptr, "/tmp/capture_file/capture_parse"), 0);
-}
-
-// The text of the last configure request starts at its direction and ends
-// 6 characters before the next direction, wherever that cut falls.
-TEST_F(PppoeStatus, ConfRequestTextEndsBeforeTheNextDirection) {
-    std::string block = "PADI [Service-Name \"isp1\"]\n"
-                        "nas0_1 In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
-                        "\t  MRU Option (0x01), length 4: 1492\n"
-                        "nas0_1 Out PPPoE  [ses 0x1] LCP, Conf-Nack (0x03), id 1, length 10\n"
-                        "nas0_1 In  PPPoE PADT [ses 0x1]\n";
-    const char *start = last_conf_request(block.data(), LCP_CONF_REQUEST);
-    ASSERT_NE(start, nullptr);
-    EXPECT_EQ(std::string(start), "In  PPPoE  [ses 0x1] LCP, Conf-Request (0x01), id 1, length 15\n"
-                                  "\t  MRU Option (0x01), length 4: 1492\nn");
-
-    // The next direction right after the start: the cut falls before the
-    // start, and the packet text runs to the block's end.
-    const std::string close_directions = "PADI [Service-Name \"isp1\"]\n"
-                                         "InOut LCP, Conf-Request (0x01)\n"
-                                         "\t  MRU Option (0x01), length 4: 1492\n"
-                                         "\t  Auth-Prot Option (0x03), length 5: PAP\n"
-                                         "nas0_1 In  PPPoE PADT [ses 0x1]\n";
-    block = close_directions;
-    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
-    ASSERT_NE(start, nullptr);
-    EXPECT_EQ(std::string(start), close_directions.substr(close_directions.find("InOut")));
-    block = close_directions;
-    lcp_options lcp{};
-    EXPECT_EQ(parse_lcp_options(block.data(), lcp), 1);
-    EXPECT_STREQ(lcp.mru, "1492");
-    EXPECT_STREQ(lcp.auth, " PAP");
-
-    // A cut that would fall before the block is not made.
-    block = "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n";
-    start = last_conf_request(block.data(), LCP_CONF_REQUEST);
-    ASSERT_NE(start, nullptr);
-    EXPECT_EQ(std::string(start), "InOut LCP, Conf-Request (0x01)\nnas0_1 In  PPPoE PADT\n");
 }
 
 TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {
