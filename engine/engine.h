@@ -40,10 +40,11 @@ struct method_descriptor {
     condition_fn fix_when = nullptr;  // on the fix path, and whether a repair is on offer
 };
 
-// A diagnosis mode's filter list (mode 0 and unknown modes: no filter).
+// A diagnosis mode's filter list (mode 0 and unknown modes: no filter), as
+// indexes into the method table.
 struct mode_filter {
-    uint64_t count;
-    const method_descriptor *methods[3];
+    uint8_t count;
+    uint8_t methods[3];
 };
 
 template <class T> struct table_view {
@@ -53,12 +54,14 @@ template <class T> struct table_view {
     const T *end() const { return items + count; }
 };
 
+// The paths name methods by their index in the table: plain bytes, which
+// the shared object needs no relocation for.
 struct method_registry {
-    table_view<const method_descriptor *> table;     // dispatch, by index
-    table_view<const method_descriptor *> diag_path; // in the order taken
-    table_view<const method_descriptor *> fix_path;
-    table_view<const method_descriptor *> fix_offers; // is_zq_fix_available
-    table_view<mode_filter> modes;                    // indexed by mode
+    table_view<const method_descriptor *> table; // dispatch, by index
+    table_view<uint8_t> diag_path;               // in the order taken
+    table_view<uint8_t> fix_path;
+    table_view<uint8_t> fix_offers; // is_zq_fix_available
+    table_view<mode_filter> modes;  // indexed by mode
 };
 // Defined by the methods' layer (methods/method_table.cpp).
 extern const method_registry registry;

@@ -19,7 +19,7 @@ char custom_path_list[ZQ_CUSTOM_PATH_SLOTS][32];
 namespace {
 
 using zq::method_descriptor;
-using path_view = zq::table_view<const method_descriptor *>;
+using path_view = zq::table_view<uint8_t>;
 using zq::condition_fn;
 
 using zq::END_STEP;
@@ -41,7 +41,7 @@ bool take_next(path_view path, condition_fn method_descriptor::*when, uint8_t *v
     for (uint64_t i = 0; i < path.count; ++i) {
         if (visited[i]) continue;
         visited[i] = 1;
-        const method_descriptor &m = *path.items[i];
+        const method_descriptor &m = *registry.table.items[path.items[i]];
         const condition_fn condition = m.*when;
         if (is_in_custom_path(m.entry.name) && (!condition || condition())) {
             choose(step, m.entry.name, action);
@@ -99,7 +99,8 @@ void init_diag_path(uint32_t mode) {
     if (mode == 0 || mode >= modes.count) return;
     const zq::mode_filter &filter = modes.items[mode];
     char names[3][32] = {};
-    for (uint64_t i = 0; i < filter.count; ++i) zq::copy(names[i], filter.methods[i]->entry.name);
+    for (uint64_t i = 0; i < filter.count; ++i)
+        zq::copy(names[i], registry.table.items[filter.methods[i]]->entry.name);
     custom_path(names[0], filter.count);
 }
 
@@ -142,7 +143,9 @@ int zq_fix_path_search(zq_diag_step *step) {
 // A repair is on offer when one of the methods that offer one finds
 // something to repair.
 int is_zq_fix_available() {
-    for (const method_descriptor *m : zq::registry.fix_offers)
+    for (const uint8_t index : registry.fix_offers) {
+        const method_descriptor *m = registry.table.items[index];
         if (m->fix_when && m->fix_when()) return 1;
+    }
     return 0;
 }

@@ -8,49 +8,64 @@ namespace zq {
 
 namespace {
 
-using zq::method_descriptor;
-
 constexpr const method_descriptor *TABLE[] = {
-    &zq::cmd_method,         &zq::port_status_method,  &zq::ping_method,         &zq::wan_status_method,
-    &zq::sys_status_method,  &zq::pon_status_method,   &zq::wan_params_method,   &zq::dns_status_method,
-    &zq::dhcp_config_method, &zq::pppoe_status_method, &zq::route_status_method, &zq::dhcp_status_method,
+    &cmd_method,         &port_status_method,  &ping_method,         &wan_status_method,
+    &sys_status_method,  &pon_status_method,   &wan_params_method,   &dns_status_method,
+    &dhcp_config_method, &pppoe_status_method, &route_status_method, &dhcp_status_method,
 };
+// Each method's index in the table, for the paths and modes below.
+enum : uint8_t {
+    PORT_STATUS = 1,
+    PING,
+    WAN_STATUS,
+    SYS_STATUS,
+    PON_STATUS,
+    WAN_PARAMS,
+    DNS_STATUS,
+    DHCP_CONFIG,
+    PPPOE_STATUS,
+    ROUTE_STATUS,
+    DHCP_STATUS,
+};
+static_assert(sizeof(TABLE) / sizeof(TABLE[0]) == 12, "the method table has twelve entries");
+static_assert(TABLE[PORT_STATUS] == &port_status_method && TABLE[PING] == &ping_method &&
+                  TABLE[WAN_STATUS] == &wan_status_method && TABLE[SYS_STATUS] == &sys_status_method &&
+                  TABLE[PON_STATUS] == &pon_status_method && TABLE[WAN_PARAMS] == &wan_params_method &&
+                  TABLE[DNS_STATUS] == &dns_status_method && TABLE[DHCP_CONFIG] == &dhcp_config_method &&
+                  TABLE[PPPOE_STATUS] == &pppoe_status_method &&
+                  TABLE[ROUTE_STATUS] == &route_status_method && TABLE[DHCP_STATUS] == &dhcp_status_method,
+              "the indexes name the table's entries");
 
 // The diagnosis path, in the order its steps are taken.
-constexpr const method_descriptor *DIAG_PATH[] = {
-    &zq::port_status_method, &zq::pon_status_method,   &zq::wan_status_method,  &zq::route_status_method,
-    &zq::dns_status_method,  &zq::pppoe_status_method, &zq::dhcp_status_method, &zq::wan_params_method,
-    &zq::dhcp_config_method, &zq::sys_status_method,
-};
-constexpr const method_descriptor *FIX_PATH[] = {&zq::sys_status_method, &zq::pon_status_method};
+constexpr uint8_t DIAG_PATH[] = {PORT_STATUS,  PON_STATUS,  WAN_STATUS, ROUTE_STATUS, DNS_STATUS,
+                                 PPPOE_STATUS, DHCP_STATUS, WAN_PARAMS, DHCP_CONFIG,  SYS_STATUS};
+constexpr uint8_t FIX_PATH[] = {SYS_STATUS, PON_STATUS};
 // The methods whose repair is_zq_fix_available offers, asked in this order.
-constexpr const method_descriptor *FIX_OFFERS[] = {&zq::dhcp_config_method, &zq::sys_status_method};
+constexpr uint8_t FIX_OFFERS[] = {DHCP_CONFIG, SYS_STATUS};
 
 // The filter list of each diagnosis mode (0: none).
-constexpr zq::mode_filter MODES[] = {
+constexpr mode_filter MODES[] = {
     {0, {}},
-    {1, {&zq::port_status_method}},
-    {1, {&zq::pon_status_method}},
-    {2, {&zq::pon_status_method, &zq::wan_status_method}},
-    {1, {&zq::sys_status_method}},
-    {3, {&zq::pon_status_method, &zq::wan_status_method, &zq::wan_params_method}},
-    {3, {&zq::pon_status_method, &zq::wan_status_method, &zq::dns_status_method}},
-    {1, {&zq::dhcp_config_method}},
-    {3, {&zq::pon_status_method, &zq::wan_status_method, &zq::pppoe_status_method}},
-    {3, {&zq::pon_status_method, &zq::wan_status_method, &zq::route_status_method}},
-    {3, {&zq::port_status_method, &zq::pon_status_method, &zq::wan_status_method}},
+    {1, {PORT_STATUS}},
+    {1, {PON_STATUS}},
+    {2, {PON_STATUS, WAN_STATUS}},
+    {1, {SYS_STATUS}},
+    {3, {PON_STATUS, WAN_STATUS, WAN_PARAMS}},
+    {3, {PON_STATUS, WAN_STATUS, DNS_STATUS}},
+    {1, {DHCP_CONFIG}},
+    {3, {PON_STATUS, WAN_STATUS, PPPOE_STATUS}},
+    {3, {PON_STATUS, WAN_STATUS, ROUTE_STATUS}},
+    {3, {PORT_STATUS, PON_STATUS, WAN_STATUS}},
 };
 
-template <class T, uint64_t N> constexpr zq::table_view<T> view_of(const T (&items)[N]) { return {items, N}; }
+template <class T, uint64_t N> constexpr table_view<T> view_of(const T (&items)[N]) { return {items, N}; }
 
-static_assert(sizeof(TABLE) / sizeof(TABLE[0]) == 12, "the method table has twelve entries");
 // A path's visited flags hold one more entry for its end step.
-static_assert(sizeof(DIAG_PATH) / sizeof(DIAG_PATH[0]) < zq::PATH_SLOTS, "diagnosis path fits its flags");
-static_assert(sizeof(FIX_PATH) / sizeof(FIX_PATH[0]) < zq::PATH_SLOTS, "fix path fits its flags");
+static_assert(sizeof(DIAG_PATH) < PATH_SLOTS && sizeof(FIX_PATH) < PATH_SLOTS, "the paths fit their flags");
 
 } // namespace
 
-const zq::method_registry registry = {
+const method_registry registry = {
     .table = view_of(TABLE),
     .diag_path = view_of(DIAG_PATH),
     .fix_path = view_of(FIX_PATH),
