@@ -65,11 +65,42 @@ void address_row(const char *label, const char *key, bool v6, size_t wans) {
 }
 
 TEST_F(ManagerAnswers, WanIpv4Address) { address_row("diagM wan_info v4_ip", "v4_ip", false, 2); }
+TEST_F(ManagerAnswers, WanIpv4Gateway) { address_row("diagM wan_info v4_gateway", "v4_gateway", false, 1); }
 TEST_F(ManagerAnswers, WanIpv6Address) {
     zqlab::put("wan.0.protocol", "IPv6");
     zqlab::put("wan.0.v6_gateway", "2001:db8:1::1");
     address_row("diagM wan_info v6_ip", "v6_ip", true, 1);
 }
+TEST_F(ManagerAnswers, WanIpv6Gateway) {
+    zqlab::put("wan.0.protocol", "IPv6");
+    zqlab::put("wan.0.v6_ip", "2001:db8:1::10");
+    address_row("diagM wan_info v6_gateway", "v6_gateway", true, 1);
+}
+
+// The interface the protocol methods narrow a decoded capture to.
+TEST_F(ManagerAnswers, WanInterfaceForTheDecodedCapture) {
+    zqlab::write_file(ZQ_CAPTURE_PARSE,
+                      "nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n");
+    run_field({"diagM wan_info nas_interface (capture filters)",
+               {"invalid interface name", "is longer than", NUL_REFUSAL},
+               true,
+               false},
+              [](const payload &p) {
+                  zqlab::put("wan.0.nas_interface", p.text);
+                  observation seen;
+                  seen.log = log_of([] {
+                      const uint32_t index = 0;
+                      zqSD_wan_diag wan{};
+                      zq_get_sys_diag("wan_status", ACTION_STRUCT, zq_args(&index, 4, &wan, WAN_BLOCK_SIZE));
+                      char interface[sizeof(wan.nas_interface) + 1] = {};
+                      zq::copy(interface, wan.nas_interface);
+                      dhcp_filter_special(interface);
+                      pppoe_filter_special(interface);
+                  });
+                  return seen;
+              });
+}
+
 // Texts that only name or classify a WAN: kept as reported, cut to their
 // fields. The name is also followed into the findings of a wan_status step;
 // the others only choose later steps, from the record.
@@ -90,6 +121,12 @@ void text_row(const char *label, const char *key, size_t size, size_t offset, bo
         text_row("diagM wan_info " #key, #key, sizeof(zqSD_wan_diag::key), offsetof(zqSD_wan_diag, key),     \
                  judged);                                                                                    \
     }
+// The name's WAN has no address: judged by its type, without a ping.
+TEST_F(ManagerAnswers, WanName) {
+    zqlab::put("wan.0.v4_ip", "");
+    text_row("diagM wan_info wan_name", "wan_name", sizeof(zqSD_wan_diag::wan_name),
+             offsetof(zqSD_wan_diag, wan_name), true);
+}
 ZQ_TEXT_ROW(WanType, type, false)
 ZQ_TEXT_ROW(WanProtocol, protocol, false)
 ZQ_TEXT_ROW(WanServiceType, service_type, false)
@@ -120,6 +157,63 @@ TEST_F(ManagerAnswers, PortCount) {
         observation seen;
         seen.log = log_of([] { step("port_status"); });
         EXPECT_GE(records<zqSD_port_diag>().size(), 1u);
+        return seen;
+    });
+}
+
+TEST_F(ManagerAnswers, PortStatus) {
+    zqlab::put("port.num", "1");
+    run_field({"diagM port_info status", {NUL_REFUSAL}, false, false}, [](const payload &p) {
+        zqlab::put("port.0.status", p.text);
+        clear_diag_chain();
+        observation seen;
+        seen.log = log_of([] { step("port_status"); });
+        const std::vector<zqSD_port_diag> ports = records<zqSD_port_diag>();
+        seen.kept = ports.size() == 1 && text_of(ports[0].status) == as_read(p.text, sizeof(ports[0].status));
+        return seen;
+    });
+}
+
+// The PON answers end with a line end, which the texts keep.
+void pon_row(const char *label, const char *key, bool (*kept)(const zqSD_pon_diag &, const std::string &)) {
+    run_field({label, {NUL_REFUSAL}, false, false}, [&](const payload &p) {
+        zqlab::put(key, p.text);
+        clear_diag_chain();
+        observation seen;
+        seen.log = log_of([] { step("pon_status"); });
+        const std::vector<zqSD_pon_diag> pon = records<zqSD_pon_diag>();
+        seen.kept = pon.size() == 1 && kept(pon[0], p.text + "\n");
+        return seen;
+    });
+}
+
+TEST_F(ManagerAnswers, PonState) {
+    pon_row("diagM pon_info pon_state", "pon.state", [](const zqSD_pon_diag &pon, const std::string &answer) {
+        return text_of(pon.pon_state) == as_read(answer, sizeof(pon.pon_state));
+    });
+}
+
+TEST_F(ManagerAnswers, PonMode) {
+    pon_row("diagM pon_info pon_mode", "pon.mode", [](const zqSD_pon_diag &pon, const std::string &answer) {
+        return text_of(pon.pon_mode) == as_read(answer, sizeof(pon.pon_mode));
+    });
+}
+
+TEST_F(ManagerAnswers, PonRxPower) {
+    pon_row("diagM pon_info pon_rx_power", "pon.rx_power",
+            [](const zqSD_pon_diag &pon, const std::string &answer) {
+                return pon.rx_power == static_cast<float>(strtod(as_read(answer, 4096).c_str(), nullptr));
+            });
+}
+
+TEST_F(ManagerAnswers, RouteAnswer) {
+    run_field({"diagM wan_route answer", {NUMBER_REFUSAL, NUL_REFUSAL}, true, false}, [](const payload &p) {
+        zqlab::put("diagm.wan_route", p.text);
+        upload_params params{};
+        zq::copy(params.host, "203.0.113.21");
+        params.wan_index = 1;
+        observation seen;
+        seen.log = log_of([&] { add_upload_route(&params); });
         return seen;
     });
 }
