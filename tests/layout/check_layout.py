@@ -6,7 +6,11 @@
   fuzz/, inspect/ and examples/ on top. An #include "..." of a folder above
   the including file's is an error;
 - no source, script or text file there is over 600 lines (data such as
-  fuzz seeds and golden logs aside).
+  fuzz seeds and golden logs aside);
+- the tests do not grow past their share of the code they test:
+  non-blank lines of every file under tests/ over those under include/
+  engine/ records/ methods/ capture/ upload/ cli/ lab/ (a ratchet, lowered
+  as the suite is cut towards a third).
 
 Usage: check_layout.py [ROOT]. Prints each violation; exits 1 if any."""
 import os
@@ -21,6 +25,9 @@ MAX_LINES = 600
 # The one public header holds every exported declaration with its contract
 # and its layout assertions: it stays one file, whatever its length.
 LONG_ALLOWED = {"include/zq_diag.h"}
+
+CODE = {"include", "engine", "records", "methods", "capture", "upload", "cli", "lab"}
+MAX_TEST_RATIO = 0.55
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
@@ -44,10 +51,16 @@ def target_of(including, name, root):
     return None
 
 
+def non_blank(root, path):
+    with open(os.path.join(root, path), encoding="utf-8", errors="replace") as f:
+        return sum(1 for line in f if line.strip())
+
+
 def tracked(root):
     for dirpath, dirnames, filenames in os.walk(root):
         rel = os.path.relpath(dirpath, root)
-        dirnames[:] = [d for d in dirnames if not d.startswith(".") and not d.startswith("build")]
+        dirnames[:] = [d for d in dirnames if not d.startswith(".") and not d.startswith("build")
+                       and d != "__pycache__"]
         for f in filenames:
             yield os.path.normpath(os.path.join(rel, f))
 
@@ -77,6 +90,12 @@ def main():
             theirs = layer_of(target)
             if theirs is not None and theirs > mine:
                 errors.append(f"{path}:{number}: includes {target}, a folder above its own")
+    code = sum(non_blank(root, p) for p in tracked(root) if p.split("/", 1)[0] in CODE)
+    tests = sum(non_blank(root, p) for p in tracked(root) if p.startswith("tests/"))
+    ratio = tests / code if code else 0.0
+    print(f"tests/code: {tests}/{code} = {ratio:.3f}")
+    if ratio > MAX_TEST_RATIO:
+        errors.append(f"tests/ is {ratio:.3f} of the code (at most {MAX_TEST_RATIO})")
     for e in errors:
         print(e)
     print(f"layout: {len(errors)} violation(s)")
