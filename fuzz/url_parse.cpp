@@ -34,7 +34,9 @@ int stand_in_resolver(std::string_view name, char (&out)[sizeof(upload_params::h
     return 0;
 }
 
-template <size_t N> bool terminated(const char (&field)[N]) { return memchr(field, '\0', N) != nullptr; }
+template <size_t N> bool field_terminated(const char (&field)[N]) {
+    return memchr(field, '\0', N) != nullptr;
+}
 
 bool only(std::string_view text, std::string_view extra) {
     return text.empty() || zq::is_word_of(text, extra);
@@ -68,8 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                    why.starts_with("the server path"));
     }
     if (rc != 0) return 0;
-    FUZZ_CHECK(terminated(p.url) && terminated(p.host) && terminated(p.user) && terminated(p.password) &&
-               terminated(p.path));
+    FUZZ_CHECK(field_terminated(p.url) && field_terminated(p.host) && field_terminated(p.user) &&
+               field_terminated(p.password) && field_terminated(p.path));
     FUZZ_CHECK(only(zq::view(p.url), "_.-/:@"));
     FUZZ_CHECK(only(zq::view(p.user), "_.-") && only(zq::view(p.password), "_.-"));
     FUZZ_CHECK(only(zq::view(p.host), "_.-:") && p.host[0] != '\0');
