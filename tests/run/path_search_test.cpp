@@ -37,6 +37,12 @@ TEST(FilterList, CustomPathChecksItsInput) {
     EXPECT_EQ(is_in_custom_path("sys_status"), 1);
 }
 
+void store_pon(uint32_t reg_state) {
+    zqSD_pon_diag pon{};
+    pon.reg_state = reg_state;
+    ASSERT_EQ(zq_diag_record(PON_DIAG_DATA, &pon, sizeof(pon)), 0);
+}
+
 class FixPath : public ::testing::Test {
   protected:
     void SetUp() override { clear_diag_chain(); }
@@ -51,5 +57,19 @@ class FixPath : public ::testing::Test {
         ASSERT_EQ(zq_diag_record(DHCP_DIAG_DATA, &d, sizeof(d)), 0);
     }
 };
+
+TEST_F(FixPath, AvailabilityLooksAtDhcpAndSystemOnly) {
+    store_pon(2);
+    EXPECT_EQ(is_zq_fix_available(), 0);
+    store_dhcp(3);
+    EXPECT_EQ(is_zq_fix_available(), 0);
+    store_dhcp(4);
+    EXPECT_EQ(is_zq_fix_available(), 1);
+    store_dhcp(0);
+    store_sys(64);
+    EXPECT_EQ(is_zq_fix_available(), 1);
+    store_sys(80);
+    EXPECT_EQ(is_zq_fix_available(), 0);
+}
 
 } // namespace

@@ -53,4 +53,17 @@ TEST_F(RunControl, UnknownKindEndsIdle) {
     EXPECT_NE(out.find("Diagnose may already exist in system."), std::string::npos) << out;
 }
 
+TEST_F(RunControl, BusyWorkerStartsNothing) {
+    for (uint32_t action : {0u, 1u, 2u}) {
+        g_diag_exec.worker = 1;
+        g_diag_exec.action = action;
+        int rc = -7;
+        std::string out = call(&rc);
+        EXPECT_EQ(rc, 0);
+        EXPECT_EQ(out, "diagnose execution is busy\n");
+        EXPECT_EQ(g_diag_exec.state, 0u);
+    }
+    g_diag_exec.worker = 0;
+}
+
 } // namespace
