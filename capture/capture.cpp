@@ -63,7 +63,7 @@ bool run_plan(const pack_plan &plan) {
     for (const char *cmd : plan.commands) {
         if (cmd && zq_system(cmd) != 0) {
             ZQ_LOG_AS("packet_capture_file", "packing failed at [%s]: the capture files are kept", cmd);
-            if (zq::file_exists(ZQ_CAPTURE_TAR)) zq_system("rm -f /tmp/capture_file/capture.tar");
+            remove_if_present(ZQ_CAPTURE_TAR, "rm -f");
             return false;
         }
     }
@@ -219,7 +219,7 @@ int zq_get_tcpdump_file(tcpdump_req req) {
 }
 
 long packet_capture_file() {
-    if (zq::file_exists(ZQ_CAPTURE_TAR)) zq_system("rm -f /tmp/capture_file/capture.tar");
+    remove_if_present(ZQ_CAPTURE_TAR, "rm -f");
     bool packed = false;
     if (zq_get_file_size(ZQ_CAPTURE_PCAP) > 0) {
         packed = run_plan(PACK_SINGLE);
@@ -241,7 +241,7 @@ long packet_capture_file() {
 namespace zq {
 
 void get_tcpdump_parse(const char *filter) {
-    if (zq::file_exists(ZQ_CAPTURE_PARSE)) zq_system("rm /tmp/capture_file/capture_parse");
+    remove_if_present(ZQ_CAPTURE_PARSE);
     if (zq_get_file_size(ZQ_CAPTURE_PCAP) == 0) {
         ZQ_LOG("catch file is empty");
         return;

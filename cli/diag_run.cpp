@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "console.hpp"
+#include "engine/files.h"
 #include "exit_codes.hpp"
 #include "zq_diag.h"
 
@@ -141,7 +142,7 @@ class RunDisplay {
         step_ = entry.method;
         std::string header = "== " + printable(entry.method);
         if (!entry.action.empty()) header += " (" + printable(entry.action) + ")";
-        if (entry.method == "end") {
+        if (entry.method == zq::END_STEP) {
             tally_.saw_end = true;
             pending_header_ = header; // shown only if the end step has something to say
             return;
@@ -208,7 +209,7 @@ void give_back_permit(const std::string &method_at_start) {
          ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::string method = running_method();
-    if (method == method_at_start || method == "end") return;
+    if (method == method_at_start || method == zq::END_STEP) return;
     if (is_diag_permit_holding() && release_diag_permit() == 0)
         fprintf(console().err, "  the diagnosis permit of the abandoned run was released\n");
 }

@@ -195,4 +195,11 @@ namespace zq {
 
 int zq_system(const char *cmd) { return cmd ? system(cmd) : -1; }
 
+void remove_if_present(const char *path, const char *rm) {
+    if (!zq::file_exists(path)) return;
+    char cmd[128] = {};
+    const int n = ZQ_FORMAT(cmd, "%s %s", rm, path);
+    if (n > 0 && static_cast<size_t>(n) < sizeof(cmd)) zq_system(cmd);
+}
+
 } // namespace zq

@@ -68,8 +68,6 @@ extern const method_registry registry;
 // A path search's visited flags: one per method of the path and one for
 // its end step.
 constexpr uint64_t PATH_SLOTS = 32;
-// The step that closes every path; not a method.
-constexpr const char *END_STEP = "end";
 
 // The command runner's own method, through which every shell command with
 // output is run (engine/cmd_runner.cpp), and its name.
@@ -126,6 +124,9 @@ int cmd_collect_output(int fd, char *out, uint64_t size);
 void write_cmd_log(const char *cmd, const char *output, uint64_t output_size);
 // Runs a shell command without reading its output (system()).
 int zq_system(const char *cmd);
+// Removes `path` (one of the library's own files, never outside text) with
+// "RM PATH" when it is there; RM is "rm", "rm -f" or "rm -rf".
+void remove_if_present(const char *path, const char *rm = "rm");
 
 // ---- Message log ---------------------------------------------------------
 extern uint64_t zq_diag_msg_offset;

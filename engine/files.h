@@ -21,6 +21,9 @@ constexpr const char *ZQ_CAPTURE_TAR = "/tmp/capture_file/capture.tar";
 constexpr const char *ZQ_CAPTURE_TAR_NAME = "capture.tar";
 constexpr const char *ZQ_CAPTURE_PARSE = "/tmp/capture_file/capture_parse";
 
+// The step that closes every path (not a method), as the log names it.
+constexpr const char *END_STEP = "end";
+
 // The message log's level prefixes, by level (DIAG_MSG_NORMAL to
 // DIAG_MSG_ERROR), nine characters each; the diagnosis log holds them too.
 constexpr const char *ZQ_LEVEL_PREFIX[] = {"[normal ]", "[success]", "[warn   ]", "[error  ]"};

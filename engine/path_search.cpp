@@ -128,7 +128,7 @@ int zq_diag_path_search(zq_diag_step *step) {
     // decoded capture.
     load_chain_data_in_log();
     memset(custom_path_list, 0, sizeof(custom_path_list));
-    if (zq::file_exists(ZQ_CAPTURE_PARSE)) zq_system("rm /tmp/capture_file/capture_parse");
+    remove_if_present(ZQ_CAPTURE_PARSE);
     return take_end(diag_visited[path.count], step, ACTION_DIAG) ? 1 : 0;
 }
 

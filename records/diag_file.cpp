@@ -287,7 +287,7 @@ int zq_packet_diag_file() {
         ZQ_LOG("no file for packeting");
         return -1;
     }
-    if (zq::file_exists(ZQ_PACKAGE_PATH)) zq_system("rm /tmp/diag_file/diag_log.tar");
+    remove_if_present(ZQ_PACKAGE_PATH);
     // The result says that the archive command ran, not how it ended: tar's
     // own status is not judged, and what it wrote stays for the upload.
     zq_system(cmd);
