@@ -95,11 +95,7 @@ for command in lab_commands:
     report(ok, "runs: " + command.replace("\n", " "))
     if not ok:
         print(r.stdout[-2000:] + r.stderr[-2000:])
-# The upload example shows the archive arriving on the server.
-for command in lab_commands:
-    if "upload" in command and "ls -l /run/zqlab/isp/ftp/upload" in command:
-        r = subprocess.run(["bash", "-c", in_build(command)], cwd=SRC, capture_output=True, text=True,
-                           stdin=subprocess.DEVNULL, timeout=300)
+    if "ls -l /run/zqlab/isp/ftp/upload" in command:  # the upload example shows the archive on the server
         report(re.search(r"\.tar$", r.stdout, re.M) is not None, "the README's upload arrives on the FTP server")
 
 print("%d failed" % failures)
