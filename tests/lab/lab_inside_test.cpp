@@ -59,10 +59,6 @@ TEST(Lab, TmpRunAndShmArePrivateTmpfs) {
     sem_close(s);
 }
 
-// --- simulated tools ----------------------------------------------------------
-
-// --- CPU load ---------------------------------------------------------------
-
 // --- scenarios --------------------------------------------------------------
 
 // The alarm word is read here through the gateway's own shm key.
@@ -87,8 +83,3 @@ TEST(Scenarios, EachResetsTheWholeGateway) {
     EXPECT_EQ(zqlab::pids("udhcpd").size(), 1u);
 }
 
-// --- daemons ----------------------------------------------------------------
-
-// --- diagnosis manager --------------------------------------------------------
-
-// --- journal ----------------------------------------------------------------

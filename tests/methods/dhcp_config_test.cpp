@@ -14,8 +14,6 @@ using method_test::records;
 using method_test::run_step;
 using method_test::store_wan;
 
-// ---- One configuration line, no gateway needed ----------------------------------
-
 // ---- The method in the lab ---------------------------------------------------------
 
 constexpr const char *CONF_PATH = "/var/udhcpd/udhcpd.conf";

@@ -14,8 +14,6 @@ namespace {
 using method_test::records;
 using method_test::run_step;
 
-// ---- Parsers and arithmetic, no gateway needed ----------------------------------
-
 // ---- The method in the lab ---------------------------------------------------------
 
 class SysStatus : public ::testing::Test {

@@ -55,12 +55,6 @@ class DiagFile : public ::testing::Test {
     }
 };
 
-// ---- Record dump -----------------------------------------------------------
-
-// ---- Step blocks -------------------------------------------------------------
-
-// ---- Preparing a diagnosis ------------------------------------------------------
-
 // ---- The package ------------------------------------------------------------------
 
 TEST_F(DiagFile, PackageHoldsEveryPieceOfEvidenceInTableOrder) {
@@ -77,7 +71,5 @@ TEST_F(DiagFile, PackageHoldsEveryPieceOfEvidenceInTableOrder) {
     EXPECT_TRUE(zqlab::file_exists("/tmp/capture_file/capture.pcap")) << "copied, not moved";
     EXPECT_EQ(zqlab::run("tar -xOf " + PACKAGE + " capture.pcap"), "captured packets");
 }
-
-// ---- Clean-up after the upload ------------------------------------------------------
 
 } // namespace
