@@ -24,7 +24,8 @@ TEST(SystemQueries, MakeDir) {
 // Safety never costs a user a valid name: every letter and digit passes.
 TEST(SystemQueries, InterfaceNamesTakeEveryLetterAndDigit) {
     for (const char *range : {"az", "AZ", "09"})
-        for (char c = range[0]; c <= range[1]; ++c) EXPECT_TRUE(is_interface_name(std::string("nas_") + c)) << c;
+        for (char c = range[0]; c <= range[1]; ++c)
+            EXPECT_TRUE(is_interface_name(std::string("nas_") + c)) << c;
 }
 
 } // namespace
