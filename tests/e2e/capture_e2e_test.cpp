@@ -1,8 +1,6 @@
-// A capture filter as an operator types it, through the shipped library's
-// C ABI: zq_get_tcpdump_file starts the real tcpdump with an expression
-// that holds parentheses, the WAN's DHCP client and some other traffic run
-// while it captures, and the capture holds the DHCP exchange and nothing
-// else.
+// A capture filter with parentheses, as an operator types it, through the
+// shipped library's C ABI: the real tcpdump's capture holds the WAN's DHCP
+// exchange and none of the other traffic.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -18,15 +16,6 @@ namespace {
 
 constexpr const char *PCAP = "/tmp/capture_file/capture.pcap";
 constexpr const char *CLIENT_PID = "/run/zqlab/wan/0.pid";
-
-tcpdump_req dhcp_request(const char *filter) {
-    tcpdump_req req{};
-    req.mode = 0;
-    req.catch_count = 5000;
-    snprintf(req.interface, sizeof(req.interface), "any");
-    snprintf(req.filter, sizeof(req.filter), "%s", filter);
-    return req;
-}
 
 std::vector<std::string> tcpdump_argv() {
     const std::vector<int> pids = zqlab::pids("tcpdump");
@@ -51,7 +40,11 @@ void run_dhcp_client() {
 TEST(CaptureEndToEnd, FilterWithParenthesesCapturesWhatItSays) {
     for (const char *filter : {"udp and (port 67 or port 68)", "'udp and (port 67 or port 68)'"}) {
         SCOPED_TRACE(filter);
-        ASSERT_EQ(zq_get_tcpdump_file(dhcp_request(filter)), 0);
+        tcpdump_req req{}; // mode 0: a single file
+        req.catch_count = 5000;
+        snprintf(req.interface, sizeof(req.interface), "any");
+        snprintf(req.filter, sizeof(req.filter), "%s", filter);
+        ASSERT_EQ(zq_get_tcpdump_file(req), 0);
         EXPECT_EQ(tcpdump_argv(),
                   (std::vector<std::string>{"tcpdump", "-v", "-i", "any", "udp and (port 67 or port 68)",
                                             "-c", "5000", "-w", PCAP}));
@@ -66,8 +59,7 @@ TEST(CaptureEndToEnd, FilterWithParenthesesCapturesWhatItSays) {
         EXPECT_NE(packets.find("0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP, Request"), std::string::npos)
             << packets;
         EXPECT_NE(packets.find(".67 > "), std::string::npos) << "no answer of the ISP's server\n" << packets;
-        EXPECT_EQ(packets.find("ICMP"), std::string::npos) << packets;
-        // Every packet is one of the DHCP exchange.
+        // Every packet is one of the DHCP exchange (the pings are not).
         size_t lines = 0;
         for (size_t at = 0, end; (end = packets.find('\n', at)) != std::string::npos; at = end + 1, ++lines)
             EXPECT_NE(packets.substr(at, end - at).find("BOOTP/DHCP"), std::string::npos)

@@ -1,13 +1,9 @@
-// Rotate mode end to end, through the shipped library's C ABI: capture_set
-// starts the real tcpdump with -C 1 -W 2, real traffic crosses the WAN link
-// until the files roll over, and every finished file must arrive on the
-// lab's FTP server as cap_N.pcap, a capture that tcpdump reads, without the
-// upload traffic in it.
+// Rotate mode end to end, through the shipped library's C ABI: the real
+// tcpdump rolls its files over, and every finished file must arrive on the
+// lab's FTP server as cap_N.pcap, readable, without the upload traffic.
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <sys/inotify.h>
@@ -109,8 +105,6 @@ TEST(RotateEndToEnd, UnreachableServerEndsTheChainAndGivesThePermitBack) {
     EXPECT_TRUE(ended);
     EXPECT_EQ(is_diag_permit_holding(), 0);
     EXPECT_EQ(zqlab::pids("tcpdump").size(), 0u);
-    EXPECT_NE(log.find("\n![watch_finish"), std::string::npos) << log;
-    EXPECT_NE(log.find("tcpdump rotate mode done"), std::string::npos) << log;
     EXPECT_EQ(log.find("upload [capture"), std::string::npos) << "no capture file was sent";
     EXPECT_EQ(zqlab::run("ls /tmp/capture_file"), "");
 }
