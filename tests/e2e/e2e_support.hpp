@@ -13,8 +13,6 @@
 
 namespace e2e {
 
-constexpr const char *DIAG_LOG = "/tmp/diag_file/diag_log";
-
 // Waits up to a minute for the diagnosis block's worker to end.
 inline void wait_for_worker() {
     for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
@@ -35,7 +33,7 @@ inline int run_and_wait(uint32_t kind, uint32_t mode) {
     return 0;
 }
 
-inline std::string diag_log() { return zqlab::read_file(DIAG_LOG); }
+inline std::string diag_log() { return zqlab::read_file("/tmp/diag_file/diag_log"); }
 
 // The findings of one step in the log: what follows its header up to the
 // next header. "(no such step)" when the step is not in the log.

@@ -13,7 +13,6 @@
 
 namespace {
 
-using e2e::run_and_wait;
 using e2e::step_findings;
 
 constexpr const char *LAN_NORMAL = "[normal ]The lan configuration diagnosis is normal\n";
@@ -22,7 +21,7 @@ constexpr const char *LAN_NORMAL = "[normal ]The lan configuration diagnosis is 
 std::string diagnose(const std::string &scenario) {
     if (!scenario.empty()) zqlab::scenario(scenario);
     zqlab::set("ping.interval", "0.2"); // the WAN steps' verdicts are not under test here
-    EXPECT_EQ(run_and_wait(0, 0), 0);
+    EXPECT_EQ(e2e::run_and_wait(0, 0), 0);
     EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
     return e2e::diag_log();
 }
@@ -30,7 +29,7 @@ std::string diagnose(const std::string &scenario) {
 // Runs a repair of `mode`; its log follows the diagnosis's and ends with its "end" step.
 std::string repair(uint32_t mode = 0) {
     zqlab::clear_journal();
-    EXPECT_EQ(run_and_wait(1, mode), 0);
+    EXPECT_EQ(e2e::run_and_wait(1, mode), 0);
     EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
     EXPECT_EQ(is_diag_permit_holding(), 0);
     const std::string log = e2e::diag_log();
