@@ -1,0 +1,60 @@
+// What tcpdump printed of a real exchange, made comparable with its fixture
+// (fixtures/SCENARIO.txt): what changes from run to run becomes "N", and a
+// run of retries counts once.
+#pragma once
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+namespace exchange {
+
+// Transaction ids, IP ids and the veth's random MAC address become "N"; the
+// seconds a DHCP client has been trying go (tcpdump leaves them out while
+// they are 0, and a loaded machine can take a second between two packets).
+inline std::string normalized(std::string text) {
+    const std::pair<const char *, const char *> changes[] = {{"[0-9a-f]{2}(:[0-9a-f]{2}){5}", "N"},
+                                                             {"xid 0x[0-9a-f]+", "xid 0xN"},
+                                                             {", id [0-9]+, offset", ", id N, offset"},
+                                                             {", secs [0-9]+", ""}};
+    for (const auto &[pattern, shown] : changes) text = std::regex_replace(text, std::regex(pattern), shown);
+    return text;
+}
+
+// How many times a client repeats a request within the capture depends on
+// the machine's load: a packet (a line that starts without a blank and the
+// lines under it) equal to the one before but for the PPP identifier that
+// each retry counts up is left out.
+inline std::string without_retries(const std::string &text) {
+    const std::regex retry_id("\\), id [0-9]+");
+    std::string out, last;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = at;
+        do {
+            end = text.find('\n', end);
+            end = end == std::string::npos ? text.size() : end + 1;
+        } while (end < text.size() && (text[end] == ' ' || text[end] == '\t'));
+        const std::string packet = text.substr(at, end - at);
+        const std::string key =
+            std::regex_replace(packet, retry_id, "), id N", std::regex_constants::format_first_only);
+        if (key != last) out += packet;
+        last = key;
+        at = end;
+    }
+    return out;
+}
+
+// The fixture's text; with ZQ_UPDATE_FIXTURES set in the environment it is
+// first rewritten with `actual`.
+inline std::string fixture(const std::string &name, const char *actual = nullptr) {
+    const std::string path = std::string(ZQ_NETWORK_DIR) + "/fixtures/" + name;
+    if (actual && getenv("ZQ_UPDATE_FIXTURES")) std::ofstream(path) << actual;
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+} // namespace exchange
