@@ -48,6 +48,17 @@ size_t running(const char *name) {
 zqSD_sys_diag sys_record() { return e2e::only_record<zqSD_sys_diag>(SYS_DIAG_DATA); }
 zqSD_dhcp_diag lan_record() { return e2e::only_record<zqSD_dhcp_diag>(DHCP_DIAG_DATA); }
 
+// A management process runs diagnoses for as long as the gateway is up:
+// none may leave a descriptor of that process open.
+TEST(Health, DiagnosesAndRepairsLeaveNoDescriptorOpen) {
+    const auto open_fds = [] { return zqlab::run("ls /proc/" + std::to_string(getpid()) + "/fd"); };
+    diagnose("");
+    const std::string before = open_fds();
+    diagnose("");
+    repair(5);
+    EXPECT_EQ(open_fds(), before);
+}
+
 TEST(Health, RepairAfterDiagnosisTurnsPonDetectionOn) {
     diagnose("");
     const std::string log = repair(5);
