@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
@@ -64,6 +68,40 @@ TEST_F(RunControl, BusyWorkerStartsNothing) {
         EXPECT_EQ(g_diag_exec.state, 0u);
     }
     g_diag_exec.worker = 0;
+}
+
+// A worker thread that cannot be started (no room for its stack): -1, the
+// block as it was, so that the next request is not refused as busy.
+TEST_F(RunControl, WorkerThatCannotStartLeavesTheBlockAsItWas) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizers' allocators abort where libc's fail";
+#endif
+    constexpr int NO_LIMIT_HERE = 30;
+    const pid_t child = fork();
+    if (child == 0) {
+        g_diag_exec.state = EXEC_DONE;
+        long pages = 0;
+        FILE *statm = fopen("/proc/self/statm", "r");
+        if (!statm || fscanf(statm, "%ld", &pages) != 1) _exit(12);
+        fclose(statm);
+        // Room for the request's own work, not for a thread's stack.
+        const rlim_t cap =
+            static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
+        const rlimit limit{cap, cap};
+        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(13);
+        if (void *beyond = malloc(static_cast<size_t>(cap))) { // qemu-user does not apply the limit
+            free(beyond);
+            _exit(NO_LIMIT_HERE);
+        }
+        const int rc = diagnose_set();
+        _exit(rc == -1 && g_diag_exec.state == EXEC_DONE && g_diag_exec.worker == 0 ? 0 : 20);
+    }
+    ASSERT_GT(child, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    if (WEXITSTATUS(status) == NO_LIMIT_HERE) GTEST_SKIP() << "the address space cannot be capped here";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 } // namespace
