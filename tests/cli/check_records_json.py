@@ -14,8 +14,7 @@ import sys
 import jsonschema
 
 SRC, ZQDIAG, LAUNCHER = sys.argv[1], sys.argv[2], sys.argv[3:]
-SCHEMA = json.load(open(os.path.join(SRC, "cli", "schema", "zqdiag-records.schema.json")))
-validator = jsonschema.Draft202012Validator(SCHEMA)
+validator = jsonschema.Draft202012Validator(json.load(open(os.path.join(SRC, "cli/schema/zqdiag-records.schema.json"))))
 BUILD = os.path.dirname(os.path.dirname(os.path.abspath(ZQDIAG)))
 # The later verdicts and the step that gives each.
 LATER = {"dns_state": "dns_status", "params_state": "wan_params", "route_state": "route_status",
@@ -41,11 +40,7 @@ for scenario, args in [("healthy-gpon", ()), ("healthy-gpon", ("--mode", "3")), 
     r = subprocess.run([os.path.join(SRC, "lab", "run"), "--scenario", scenario, "--keep", BUILD, "--", *LAUNCHER,
                         ZQDIAG, "records", "--json", *args], capture_output=True, text=True, timeout=300)
     check(r.returncode == 0, "%s: exit %d\n%s" % (name, r.returncode, r.stderr[-2000:]))
-    try:
-        doc = json.loads(r.stdout)
-    except ValueError as e:
-        check(False, "%s: not JSON (%s)" % (name, e))
-        continue
+    doc = json.loads(r.stdout)  # not JSON: the script fails with the parser's words
     errors = sorted(validator.iter_errors(doc), key=str)
     check(not errors, name + ": " + "; ".join(e.message for e in errors[:5]))
     for wan in fields(doc, "WAN_DIAG_DATA"):
