@@ -1,14 +1,10 @@
-// The permit has no owner: whoever posts the semaphore frees it. These cases put a second process between an
-// event and the library's next release point: the capture's tcpdump dies (or the user stops it), some other
-// process frees the permit and a third takes it (and may start a tcpdump of its own). At its next step the
-// library must leave that permit, and that tcpdump, alone. (A dead capture seen by the watchdog:
-// faults_test.Faults.TcpdumpDiesMidCapture.)
+// The permit has no owner. Another process between an event and the library's next release point frees the
+// permit, a third takes it (and may run a tcpdump): the library must leave both alone.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -21,12 +17,12 @@
 
 namespace {
 
-bool wait_until(const std::function<bool()> &done) {
+template <class Done> bool wait_until(Done done) {
     for (int i = 0; i < 3000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     return done();
 }
 
-// Runs `fn` in a process of its own, another management process of the gateway: its exit status.
+// `fn`'s result in another process (of another management process of the gateway).
 int in_other_process(int (*fn)()) {
     const pid_t child = fork();
     if (child == 0) _exit(fn());
@@ -36,8 +32,7 @@ int in_other_process(int (*fn)()) {
 }
 int take_permit() { return get_diag_permit() == 0 ? 0 : 1; }
 
-// Another process frees the permit (as a tool that saw the holder die does) and a third takes it and keeps
-// it (it ends without giving it back).
+// One process frees the permit (as a tool that saw the holder die does), a third takes it and keeps it.
 void permit_passes_to_another_process() {
     ASSERT_EQ(in_other_process([] { return release_diag_permit(); }), 0);
     ASSERT_EQ(is_diag_permit_holding(), 0);
@@ -47,14 +42,13 @@ void permit_passes_to_another_process() {
 
 std::vector<int> tcpdumps() { return zqlab::pids("tcpdump"); }
 
-// A process named tcpdump that is not this library's capture: a child of this test that only waits (a
-// shell loop would show a second "tcpdump" each time it forks). `immune` makes it outlive the default
-// signal of "pgrep tcpdump | xargs kill".
-pid_t other_tcpdump = 0;
+// A process named tcpdump that is not this library's capture, a child that only waits (and dies with the
+// test); `immune` outlives the default signal of "pgrep tcpdump | xargs kill".
 void start_other_tcpdump(bool immune) {
     const pid_t child = fork();
     if (child == 0) {
-        // The library's threads may be reading pipes now: this copy must not hold their write ends open.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        // The library's threads may be reading pipes: this copy must not hold their write ends open.
         if (close_range(3, ~0U, 0) != 0)
             for (int fd = 3; fd < 1024; ++fd) close(fd);
         prctl(PR_SET_NAME, "tcpdump");
@@ -62,48 +56,37 @@ void start_other_tcpdump(bool immune) {
         for (;;) pause();
     }
     ASSERT_GT(child, 0);
-    other_tcpdump = child;
     ASSERT_TRUE(wait_until([child] { return std::ranges::count(tcpdumps(), child) == 1; }));
 }
 
-int stop_capture() {
-    g_cap_exec.action = 0;
-    return capture_set();
-}
-
-// A single capture whose tcpdump ended by itself: 3000 echo requests and replies on the loopback are more
-// than the 5000 packets it counts.
+// A single capture whose tcpdump ended by itself: 6000 echo packets are more than the 5000 it counts.
 void single_capture_ends_by_itself() {
     ASSERT_EQ(e2e::start_capture(0), 0);
     zqlab::run("ping -A -q -c 3000 127.0.0.1 >/dev/null 2>&1");
     ASSERT_TRUE(wait_until([] { return tcpdumps().empty(); })) << "tcpdump did not end after its count";
 }
 
-// Rotate mode running, its first upload done; its watcher ends at a closed file without ".pcap".
+// Rotate mode running, its first upload done.
 void start_rotate_mode() {
     ASSERT_EQ(e2e::start_capture(1), 0);
     ASSERT_TRUE(wait_until([] { return zqlab::file_exists("/run/zqlab/isp/ftp/upload/transport_test"); }));
 }
-void end_rotate_mode() {
+// Rotate mode's watcher ends at a closed file without ".pcap"; its end leaves the `other` tcpdumps and the
+// permit that another process holds.
+void end_rotate_mode_leaving(const std::vector<int> &other) {
     zqlab::write_file("/tmp/capture_file/note", "x");
     ASSERT_TRUE(wait_until(e2e::rotate_chain_ended)) << "rotate mode did not end";
+    EXPECT_EQ(is_diag_permit_holding(), 1) << "rotate mode's end freed the next holder's permit";
+    EXPECT_EQ(tcpdumps(), other) << "rotate mode's end stopped another's tcpdump";
+    EXPECT_EQ(g_cap_exec.state, EXEC_IDLE) << "the end of rotate mode leaves the block idle";
 }
 
-class PermitHolder : public ::testing::Test {
-  protected:
-    void TearDown() override {
-        if (other_tcpdump <= 0) return;
-        kill(other_tcpdump, SIGKILL);
-        waitpid(other_tcpdump, nullptr, 0);
-    }
-};
-
-// A stop request for a single capture that ended by itself. With nobody in between, the stop packs it and
-// gives its permit back, as any stop; when another process's capture runs by now with the permit, the stop
-// leaves both.
-TEST_F(PermitHolder, StopAfterTheCaptureEnded) {
+// A stop after the single capture ended by itself packs it and gives its permit back, as any stop; when
+// another process's capture runs by now with the permit, it leaves both.
+TEST(PermitHolder, StopAfterTheCaptureEnded) {
     single_capture_ends_by_itself();
-    EXPECT_EQ(stop_capture(), 0);
+    g_cap_exec.action = 0; // stop
+    EXPECT_EQ(capture_set(), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
     EXPECT_EQ(is_diag_permit_holding(), 0);
     EXPECT_EQ(zqlab::run("tar -tf /tmp/capture_file/capture.tar"), "capture.pcap\n");
@@ -112,35 +95,30 @@ TEST_F(PermitHolder, StopAfterTheCaptureEnded) {
     permit_passes_to_another_process();
     start_other_tcpdump(false);
     const std::vector<int> other = tcpdumps();
-    EXPECT_EQ(stop_capture(), 0);
+    g_cap_exec.action = 0; // stop
+    EXPECT_EQ(capture_set(), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
     EXPECT_EQ(is_diag_permit_holding(), 1) << "the other process's permit was freed";
     EXPECT_EQ(tcpdumps(), other) << "the other process's tcpdump was stopped";
 }
 
-// Rotate mode, stopped by the user: the stop gives the permit back, another process takes it and runs a
-// capture that the stop's signal did not end. Rotate mode's end must not stop that capture nor free its
-// permit.
-TEST_F(PermitHolder, RotateEndAfterTheUserStopLeavesTheNextHolder) {
+// Rotate mode stopped by the user; then another process takes the permit, its capture survived the stop.
+TEST(PermitHolder, RotateEndAfterTheUserStopLeavesTheNextHolder) {
     start_rotate_mode();
     start_other_tcpdump(true);
     ASSERT_EQ(tcpdumps().size(), 2u);
-    EXPECT_EQ(stop_capture(), 0);
+    g_cap_exec.action = 0; // stop
+    EXPECT_EQ(capture_set(), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_IDLE);
     ASSERT_EQ(is_diag_permit_holding(), 0) << "the stop gives the permit back";
     ASSERT_EQ(in_other_process(take_permit), 0);
     const std::vector<int> other = tcpdumps();
     ASSERT_EQ(other.size(), 1u);
-
-    end_rotate_mode();
-    EXPECT_EQ(is_diag_permit_holding(), 1) << "rotate mode's end freed the next holder's permit";
-    EXPECT_EQ(tcpdumps(), other);
-    EXPECT_EQ(g_cap_exec.state, EXEC_IDLE);
+    end_rotate_mode_leaving(other);
 }
 
-// Rotate mode whose tcpdump dies by itself; its permit passes to another process, which runs its own
-// tcpdump. Rotate mode's end finds a tcpdump, but not its own: it stops nothing and frees nothing.
-TEST_F(PermitHolder, RotateEndAfterTcpdumpDiedLeavesTheNextHolder) {
+// Rotate mode's tcpdump dies, its permit passes to another process that runs a tcpdump: not rotate mode's.
+TEST(PermitHolder, RotateEndAfterTcpdumpDiedLeavesTheNextHolder) {
     start_rotate_mode();
     const std::vector<int> own = tcpdumps();
     ASSERT_EQ(own.size(), 1u);
@@ -149,16 +127,12 @@ TEST_F(PermitHolder, RotateEndAfterTcpdumpDiedLeavesTheNextHolder) {
     ASSERT_TRUE(wait_until([] { return tcpdumps().size() == 1; }));
     const std::vector<int> other = tcpdumps();
     permit_passes_to_another_process();
-
-    end_rotate_mode();
-    EXPECT_EQ(is_diag_permit_holding(), 1) << "rotate mode's end freed the next holder's permit";
-    EXPECT_EQ(tcpdumps(), other) << "rotate mode's end stopped another's tcpdump";
-    EXPECT_EQ(g_cap_exec.state, EXEC_IDLE) << "the end of rotate mode leaves the block idle";
+    end_rotate_mode_leaving(other);
 }
 
-// A diagnosis whose permit was freed mid-run by the process that runs it (as zqdiag gives up on a run that
-// outlasts its timeout) and then taken by another process: the run's own "end" step leaves that permit.
-TEST_F(PermitHolder, DiagnosisEndAfterItsPermitWasFreedLeavesTheNextHolder) {
+// A diagnosis's permit freed mid-run by its own process (as zqdiag on its timeout), then taken by another:
+// the run's "end" step leaves it.
+TEST(PermitHolder, DiagnosisEndAfterItsPermitWasFreedLeavesTheNextHolder) {
     zq_diag_step step{};
     ASSERT_EQ(zq_diag_path_search(&step), 1);
     ASSERT_EQ(is_diag_permit_holding(), 1);

@@ -1,9 +1,6 @@
-// Two management processes of eight threads each race the entry points that take and give back the
-// diagnosis permit: diagnose_set (its worker takes it for a short diagnosis), capture_set (a capture holds it
-// from its start to its stop) and get_diag_permit with its release. Every holder the test can see (a thread
-// holding the permit it took, a capture of either process) counts itself, while it holds, in a counter both
-// processes share: a release by someone who does not hold the permit (a second stop of one capture, a worker
-// giving back a permit it never took) lets a second holder in, and the counter shows two.
+// Two processes of eight threads race the entry points that take and give back the permit: diagnose_set,
+// capture_set (start to stop) and get_diag_permit with its release. Each holder the test sees counts itself
+// in a counter both share: a release by one who does not hold the permit lets a second holder in.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,9 +21,8 @@ namespace {
 
 constexpr int PROCESSES = 2, THREADS = 8;
 constexpr long ROUNDS = 10000 / (PROCESSES * THREADS); // 10000 calls in all: about 3 s
-// Captures are asked to start in the first rounds of each cycle and to stop in all the others (a start and
-// stop costs most of a second). Holders keep the permit a moment, about a round, so that it changes hands
-// many times; only how often each side wins depends on these.
+// Captures start in the first rounds of each cycle and stop in the others (a capture costs most of a
+// second); holders keep the permit about a round, so that it changes hands many times.
 constexpr int CAPTURE_PERIOD = 125, CAPTURE_START_ROUNDS = 8;
 constexpr useconds_t HOLD_US = 1000, ROUND_US = 1000;
 
@@ -37,8 +33,7 @@ struct Shared {
 
 void raise_to(std::atomic<int> &most, int value) {
     int seen = most.load();
-    while (value > seen && !most.compare_exchange_weak(seen, value)) {
-    }
+    while (value > seen && !most.compare_exchange_weak(seen, value)) continue;
 }
 
 struct Race {
@@ -53,8 +48,7 @@ struct Race {
         if (sem_getvalue(permit, &value) == 0) raise_to(shared.most_permit_value, value);
     }
 
-    // Only one call of a start round finds the permit free and the block idle; the capture it starts is
-    // counted once, by the first thread that sees it running.
+    // The capture a start round began is counted once, by the first thread that sees it running.
     void call(long kind, long round) {
         if (kind == 0 && get_diag_permit() == 0) {
             enter();
@@ -70,15 +64,10 @@ struct Race {
         }
     }
 
-    // Runs between two rounds, on one thread, while no other calls. A capture stops being counted before
-    // the stop rounds ask for its stop, so the count never lags a release.
+    // Between two rounds, while no thread calls: a capture stops being counted before its stop is asked.
     void next_round(long round) {
-        if (round % CAPTURE_PERIOD == CAPTURE_START_ROUNDS) {
-            if (capture_counted.exchange(false)) leave();
-            g_cap_exec.action = 0; // stop
-        } else if (round % CAPTURE_PERIOD == 0) {
-            g_cap_exec.action = 1; // start
-        }
+        if (round % CAPTURE_PERIOD == CAPTURE_START_ROUNDS && capture_counted.exchange(false)) leave();
+        g_cap_exec.action = round % CAPTURE_PERIOD < CAPTURE_START_ROUNDS ? 1 : 0; // start or stop
     }
 
     void run() {
