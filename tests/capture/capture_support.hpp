@@ -1,0 +1,50 @@
+// Helpers the capture and injection tests share.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "capture/capture.h"
+
+namespace capture_support {
+
+// The text's bytes in a fixed field, as a caller fills it: all of them that
+// fit, NULs included; one that fills the field leaves no terminator.
+template <size_t N> inline void fill(char (&field)[N], const std::string &text) {
+    memset(field, 0, N);
+    memcpy(field, text.data(), text.size() < N ? text.size() : N);
+}
+
+inline tcpdump_req request(uint32_t mode, uint64_t count, const std::string &interface,
+                           const std::string &filter = "") {
+    tcpdump_req req{};
+    req.mode = mode;
+    req.catch_count = count;
+    fill(req.interface, interface);
+    fill(req.filter, filter);
+    return req;
+}
+
+// NUL-terminated words, as `printf '%s\0'` or /proc/PID/cmdline give them;
+// a last word without its NUL is marked.
+inline std::vector<std::string> nul_split(const std::string &text) {
+    std::vector<std::string> words;
+    size_t at = 0;
+    for (size_t end; (end = text.find('\0', at)) != std::string::npos; at = end + 1)
+        words.push_back(text.substr(at, end - at));
+    if (at < text.size()) words.push_back(text.substr(at) + "(unterminated)");
+    return words;
+}
+
+// The library's log lines (its standard output) while `fn` runs.
+inline std::string log_of(const std::function<void()> &fn) {
+    testing::internal::CaptureStdout();
+    fn();
+    return testing::internal::GetCapturedStdout();
+}
+
+} // namespace capture_support
