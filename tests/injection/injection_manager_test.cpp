@@ -6,6 +6,16 @@ namespace {
 
 using namespace injection;
 
+// The records of type T a step of `method` leaves, with `value` as the
+// manager's answer for `key`.
+template <class T>
+std::vector<T> stepped(const char *method, const std::string &key, const std::string &value) {
+    zqlab::put(key, value);
+    clear_diag_chain();
+    step(method);
+    return records<T>();
+}
+
 // WAN 0's status block as the struct getter reads it, with the payload in its `key`.
 zqSD_wan_diag wan0_block(const char *key, const payload &p) {
     zqlab::put(std::string("wan.0.") + key, p.text);
@@ -20,10 +30,7 @@ zqSD_wan_diag wan0_block(const char *key, const payload &p) {
 // that one must be judged as before, whatever WAN 0 reported.
 zqSD_wan_diag wan0_judged(const char *key, const payload &p, size_t wans) {
     zqlab::put("wan.num", std::to_string(wans));
-    zqlab::put(std::string("wan.0.") + key, p.text);
-    clear_diag_chain();
-    step("wan_status");
-    const std::vector<zqSD_wan_diag> stored = records<zqSD_wan_diag>();
+    const auto stored = stepped<zqSD_wan_diag>("wan_status", std::string("wan.0.") + key, p.text);
     EXPECT_EQ(stored.size(), wans);
     if (stored.size() != wans) return {};
     if (wans == 2) {
@@ -42,12 +49,11 @@ void address_row(const char *key, bool v6, size_t wans) {
     const std::string label = std::string("diagM wan_info ") + key;
     run_field(
         {label.c_str(), {"is no IPv4 address", "is no IPv6 address", "is longer than", NUL_REFUSAL}, true},
-        [&](const payload &p) {
+        [&](const payload &p, bool &) {
             const zqSD_wan_diag wan = wan0_judged(key, p, wans);
             if (!p.nul()) {
                 EXPECT_EQ(v6 ? wan.v6_conn_state : wan.v4_conn_state, WAN_DHCP_SERVICE_ERROR);
             }
-            return false;
         });
 }
 
@@ -70,15 +76,13 @@ TEST_F(ManagerAnswers, WanInterfaceForTheDecodedCapture) {
                       "nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n");
     run_field({"diagM wan_info nas_interface (capture filters)",
                {"invalid interface name", "is longer than", NUL_REFUSAL},
-               true,
-               false},
-              [](const payload &p) {
+               true},
+              [](const payload &p, bool &) {
                   const zqSD_wan_diag wan = wan0_block("nas_interface", p);
                   char interface[sizeof(wan.nas_interface) + 1] = {};
                   zq::copy(interface, wan.nas_interface);
                   dhcp_filter_special(interface);
                   pppoe_filter_special(interface);
-                  return false;
               });
 }
 
@@ -87,14 +91,14 @@ TEST_F(ManagerAnswers, WanInterfaceForTheDecodedCapture) {
 // WAN has no address: judged by its type, without a ping); the others only
 // choose later steps, from the record.
 void text_row(const char *key, size_t size, size_t offset, bool judged) {
-    const std::string label = std::string("diagM wan_info ") + key;
-    run_field({label.c_str(), {NUL_REFUSAL}}, [&](const payload &p) {
-        const zqSD_wan_diag wan = judged ? wan0_judged(key, p, 1) : wan0_block(key, p);
-        const char *field = reinterpret_cast<const char *>(&wan) + offset;
-        const std::string kept = as_read(p.text, size);
-        return std::string(field, strnlen(field, size)) == kept &&
-               (!judged || std::string(zq_diag_msg).find(kept + "[v4] ") != std::string::npos);
-    });
+    run_field({(std::string("diagM wan_info ") + key).c_str(), {NUL_REFUSAL}},
+              [&](const payload &p, bool &kept) {
+                  const zqSD_wan_diag wan = judged ? wan0_judged(key, p, 1) : wan0_block(key, p);
+                  const char *field = reinterpret_cast<const char *>(&wan) + offset;
+                  const std::string text = as_read(p.text, size);
+                  kept = std::string(field, strnlen(field, size)) == text &&
+                         (!judged || std::string(zq_diag_msg).find(text + "[v4] ") != std::string::npos);
+              });
 }
 #define ZQ_TEXT_ROW(key, judged)                                                                             \
     text_row(#key, sizeof(zqSD_wan_diag::key), offsetof(zqSD_wan_diag, key), judged)
@@ -107,90 +111,73 @@ TEST_F(ManagerAnswers, WanType) { ZQ_TEXT_ROW(type, false); }
 TEST_F(ManagerAnswers, WanProtocol) { ZQ_TEXT_ROW(protocol, false); }
 TEST_F(ManagerAnswers, WanServiceType) { ZQ_TEXT_ROW(service_type, false); }
 
-// Bridged WANs are not pinged: what is counted is what matters here.
+// Bridged WANs are not pinged: what is counted is what matters here. The
+// leading number counts, as atoi reads it (at most 32 WANs, of which the
+// chain keeps the first eight that are not bridged).
 TEST_F(ManagerAnswers, WanCount) {
     zqlab::put("wan.0.type", "bridge");
     zqlab::put("wan.1.type", "bridge");
-    run_field({"diagM wan_info wan_num", {NUMBER_REFUSAL, NUL_REFUSAL}, true}, [](const payload &p) {
-        zqlab::put("wan.num", p.text);
-        clear_diag_chain();
-        step("wan_status");
-        // The leading number counts, as atoi reads it (at most 32 WANs, of
-        // which the chain keeps the first eight that are not bridged).
+    run_field({"diagM wan_info wan_num", {NUMBER_REFUSAL, NUL_REFUSAL}, true}, [](const payload &p, bool &) {
         const int count = atoi(as_read(p.text, 4096).c_str());
-        const int stored = count > 10 ? 8 : count - 2;
-        EXPECT_EQ(records<zqSD_wan_diag>().size(), static_cast<size_t>(stored < 0 ? 0 : stored));
-        return false;
+        const size_t stored = count > 10 ? 8 : count < 2 ? 0 : count - 2;
+        EXPECT_EQ(stepped<zqSD_wan_diag>("wan_status", "wan.num", p.text).size(), stored);
     });
 }
 
-TEST_F(ManagerAnswers, PortCount) {
-    run_field({"diagM port_info port_num", {NUMBER_REFUSAL, NUL_REFUSAL}, true}, [](const payload &p) {
-        zqlab::put("port.num", p.text);
-        clear_diag_chain();
-        step("port_status");
-        EXPECT_GE(records<zqSD_port_diag>().size(), 1u);
-        return false;
-    });
-}
-
-TEST_F(ManagerAnswers, PortStatus) {
+TEST_F(ManagerAnswers, PortCountAndStatus) {
+    run_field({"diagM port_info port_num", {NUMBER_REFUSAL, NUL_REFUSAL}, true},
+              [](const payload &p, bool &) {
+                  EXPECT_GE(stepped<zqSD_port_diag>("port_status", "port.num", p.text).size(), 1u);
+              });
     zqlab::put("port.num", "1");
-    run_field({"diagM port_info status", {NUL_REFUSAL}}, [](const payload &p) {
-        zqlab::put("port.0.status", p.text);
-        clear_diag_chain();
-        step("port_status");
-        const std::vector<zqSD_port_diag> ports = records<zqSD_port_diag>();
-        return ports.size() == 1 && text_of(ports[0].status) == as_read(p.text, sizeof(ports[0].status));
+    run_field({"diagM port_info status", {NUL_REFUSAL}}, [](const payload &p, bool &kept) {
+        const auto ports = stepped<zqSD_port_diag>("port_status", "port.0.status", p.text);
+        kept = ports.size() == 1 && text_of(ports[0].status) == as_read(p.text, sizeof(ports[0].status));
     });
 }
 
 // The PON answers end with a line end, which the texts keep.
-void pon_row(const char *key, bool (*kept)(const zqSD_pon_diag &, const std::string &answer)) {
-    run_field({(std::string("diagM pon_info ") + key).c_str(), {NUL_REFUSAL}}, [&](const payload &p) {
-        zqlab::put(key, p.text);
-        clear_diag_chain();
-        step("pon_status");
-        const std::vector<zqSD_pon_diag> pon = records<zqSD_pon_diag>();
-        return pon.size() == 1 && kept(pon[0], p.text + "\n");
-    });
-}
-
-TEST_F(ManagerAnswers, PonState) {
-    pon_row("pon.state", [](const zqSD_pon_diag &pon, const std::string &answer) {
-        return text_of(pon.pon_state) == as_read(answer, sizeof(pon.pon_state));
-    });
-}
-TEST_F(ManagerAnswers, PonMode) {
-    pon_row("pon.mode", [](const zqSD_pon_diag &pon, const std::string &answer) {
-        return text_of(pon.pon_mode) == as_read(answer, sizeof(pon.pon_mode));
-    });
-}
-TEST_F(ManagerAnswers, PonRxPower) {
-    pon_row("pon.rx_power", [](const zqSD_pon_diag &pon, const std::string &answer) {
-        return pon.rx_power == static_cast<float>(strtod(as_read(answer, 4096).c_str(), nullptr));
-    });
+TEST_F(ManagerAnswers, PonAnswers) {
+    const std::pair<const char *, std::function<bool(const zqSD_pon_diag &, const std::string &)>> rows[] = {
+        {"pon.state",
+         [](const auto &pon, const auto &answer) {
+             return text_of(pon.pon_state) == as_read(answer, sizeof(pon.pon_state));
+         }},
+        {"pon.mode",
+         [](const auto &pon, const auto &answer) {
+             return text_of(pon.pon_mode) == as_read(answer, sizeof(pon.pon_mode));
+         }},
+        {"pon.rx_power",
+         [](const auto &pon, const auto &answer) {
+             return pon.rx_power == static_cast<float>(strtod(as_read(answer, 4096).c_str(), nullptr));
+         }},
+    };
+    for (const auto &row : rows)
+        run_field({(std::string("diagM pon_info ") + row.first).c_str(), {NUL_REFUSAL}},
+                  [&](const payload &p, bool &kept) {
+                      const auto pon = stepped<zqSD_pon_diag>("pon_status", row.first, p.text);
+                      kept = pon.size() == 1 && row.second(pon[0], p.text + "\n");
+                  });
 }
 
 TEST_F(ManagerAnswers, RouteAnswer) {
-    run_field({"diagM wan_route answer", {NUMBER_REFUSAL, NUL_REFUSAL}, true}, [](const payload &p) {
+    run_field({"diagM wan_route answer", {NUMBER_REFUSAL, NUL_REFUSAL}, true}, [](const payload &p, bool &) {
         zqlab::put("diagm.wan_route", p.text);
         upload_params params{};
         zq::copy(params.host, "203.0.113.21");
         params.wan_index = 1;
         add_upload_route(&params);
-        return false;
     });
 }
 
 // Only a yes or a no is read from them.
 TEST_F(ManagerAnswers, YesNoSettings) {
-    run_field({"diagM diag_state, tr069_enable", {NUL_REFUSAL}}, [](const payload &p) {
+    run_field({"diagM diag_state, tr069_enable", {NUL_REFUSAL}}, [](const payload &p, bool &kept) {
         zqlab::put("diagm.diag_state", p.text);
         zqlab::put("diagm.tr069_enable", p.text);
         EXPECT_EQ(is_self_diagnose_enable(), p.text.find("enable") != std::string::npos ? 1 : 0);
         EXPECT_EQ(is_tr069_enable(), as_read(p.text + "\n", 4096).find('1') != std::string::npos ? 1 : 0);
-        return true;
+        kept = true;
     });
 }
 
