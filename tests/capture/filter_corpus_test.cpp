@@ -1,16 +1,11 @@
-// A caller's capture filter against the shell and libpcap, on the host: for
-// every expression of filter_corpus.txt, the command line the library
-// builds, run by /bin/sh with `tcpdump` a function that prints its
-// arguments (so nothing but the function runs), hands tcpdump exactly that
-// expression as one argument, or is refused as too long only when it cannot
-// hold it; and libpcap compiles the expression.
+// A caller's capture filter against the shell and libpcap, on the host: the command line the library builds
+// for each expression of filter_corpus.txt, run by /bin/sh with `tcpdump` a function that prints its
+// arguments, hands tcpdump exactly that expression as one argument (or is refused as too long only when it
+// cannot hold it); and libpcap compiles the expression.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 #ifdef ZQ_HAVE_PCAP
 #include <pcap/pcap.h>
@@ -24,7 +19,8 @@ using namespace zq;
 namespace {
 
 using argv_t = std::vector<std::string>;
-using capture_support::request;
+using capture_support::expected_argv;
+using capture_support::PCAP;
 
 std::vector<std::string> corpus() {
     std::vector<std::string> out;
@@ -34,8 +30,8 @@ std::vector<std::string> corpus() {
     return out;
 }
 
-// The arguments `tcpdump` receives when /bin/sh runs `command` (as the
-// library's system() does, the trailing '&' included, then waits for it).
+// The arguments `tcpdump` receives when /bin/sh runs `command` (as the library's system() does, the trailing
+// '&' included, then waits for it).
 argv_t tcpdump_argv(const std::string &command) {
     FILE *sh = popen(("tcpdump() { printf '%s\\0' \"$@\"; }\n" + command + "\nwait\n").c_str(), "r");
     if (!sh) return {"(popen failed)"};
@@ -51,29 +47,14 @@ struct built {
     std::string command, log;
 };
 
-built build(uint32_t mode, uint64_t count, const std::string &filter) {
+built build(uint32_t mode, uint64_t count, const std::string &filter, const char *interface = "any") {
     char cmd[ZQ_TCPDUMP_COMMAND_SIZE];
     memset(cmd, 'x', sizeof(cmd));
     bool ok = false;
-    const std::string log = capture_support::log_of(
-        [&] { ok = build_tcpdump_command(request(mode, count, "any", filter), cmd); });
+    const tcpdump_req req = capture_support::request(mode, count, interface, filter);
+    const std::string log = capture_support::log_of([&] { ok = build_tcpdump_command(req, cmd); });
     EXPECT_NE(memchr(cmd, '\0', sizeof(cmd)), nullptr) << "the command buffer is not terminated";
     return {ok, std::string(cmd, strnlen(cmd, sizeof(cmd))), log};
-}
-
-// What tcpdump must receive for a request of each mode on "any"; an empty
-// expression gives no filter argument at all.
-constexpr const char *PCAP = "/tmp/capture_file/capture.pcap";
-argv_t expected_argv(uint32_t mode, uint64_t count, const std::string &expression) {
-    argv_t argv = {"-v", "-i", "any"};
-    if (mode == 0) {
-        if (!expression.empty()) argv.push_back(expression);
-        argv.insert(argv.end(), {"-c", std::to_string(count), "-w", PCAP});
-    } else {
-        argv.insert(argv.end(), {"-C", std::to_string(count), "-W", "2", "-w", PCAP});
-        if (!expression.empty()) argv.push_back(expression);
-    }
-    return argv;
 }
 
 // The length each mode's command line has without its filter word.
@@ -90,16 +71,15 @@ struct mode_case {
 };
 constexpr mode_case MODES[] = {{0, 5000}, {1, 3}};
 
-// One filter through both modes' command lines: `expression` whole and
-// alone in its argument, or refused because even its unquoted text cannot
-// fit. Returns whether both modes took it.
+// One filter through both modes' command lines: `expression` whole and alone in its argument, or refused
+// because even its unquoted text cannot fit. Returns whether both modes took it.
 bool expect_whole(const std::string &filter, const std::string &expression) {
     bool both = true;
     for (const auto &[mode, count] : MODES) {
         const built b = build(mode, count, filter);
         both = both && b.ok;
         if (b.ok) {
-            EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, expression))
+            EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, "any", expression))
                 << "mode " << mode << ", command [" << b.command << "]";
         } else {
             EXPECT_NE(b.log.find("tcpdump command is too long"), std::string::npos) << b.log;
@@ -110,32 +90,30 @@ bool expect_whole(const std::string &filter, const std::string &expression) {
     return both;
 }
 
+// The corpus is made of filters: compiled for Ethernet (a WAN or LAN) or the cooked header of "any", with a
+// netmask so that "ip broadcast" compiles.
 TEST(FilterCorpus, EveryExpressionIsAFilterForLibpcap) {
 #ifdef ZQ_HAVE_PCAP
-    // Ethernet, as on a WAN or LAN interface, or the cooked header of the
-    // "any" interface; a netmask so that "ip broadcast" compiles.
     for (const std::string &expression : corpus()) {
         std::string errors;
-        bool compiled = false;
         for (int link : {DLT_EN10MB, DLT_LINUX_SLL}) {
             pcap_t *pcap = pcap_open_dead(link, 262144);
-            ASSERT_NE(pcap, nullptr);
             bpf_program program{};
-            compiled = pcap_compile(pcap, &program, expression.c_str(), 1, 0xffffff00) == 0;
+            const bool compiled = pcap_compile(pcap, &program, expression.c_str(), 1, 0xffffff00) == 0;
+            errors = compiled ? "" : errors + " " + pcap_geterr(pcap);
             if (compiled) pcap_freecode(&program);
-            errors += compiled ? "" : std::string(" ") + pcap_geterr(pcap);
             pcap_close(pcap);
             if (compiled) break;
         }
-        EXPECT_TRUE(compiled) << "[" << expression << "]:" << errors;
+        EXPECT_EQ(errors, "") << "[" << expression << "]";
     }
 #else
     GTEST_SKIP() << "libpcap was not found when the build was configured";
 #endif
 }
 
-// Each expression, and the same wrapped in single quotes, reaches tcpdump
-// whole; the quoted word alone holds it whatever its length.
+// Each expression, and the same wrapped in single quotes, reaches tcpdump whole; the quoted word alone holds
+// it whatever its length.
 TEST(FilterCorpus, EveryExpressionReachesTcpdumpWhole) {
     const std::vector<std::string> expressions = corpus();
     ASSERT_GE(expressions.size(), 200u) << ZQ_FILTER_CORPUS;
@@ -153,12 +131,10 @@ TEST(FilterCorpus, EveryExpressionReachesTcpdumpWhole) {
     EXPECT_GE(taken, expressions.size() - 10);
 }
 
+// Wrapped whole means one quote at each end and none between: anything else is an expression of its own,
+// quotes included (which tcpdump rejects).
 TEST(FilterCorpus, QuotesThatDoNotWrapTheWholeFilterAreItsText) {
-    // The library's own rotate-mode filter.
-    expect_whole("'! host 203.0.113.21'", "! host 203.0.113.21");
-    // Wrapped whole means one quote at each end and none between: anything
-    // else is an expression of its own, quotes included, which tcpdump
-    // rejects rather than anything else running.
+    expect_whole("'! host 203.0.113.21'", "! host 203.0.113.21"); // the library's own rotate-mode filter
     for (const char *as_is : {"'udp' and 'port 53'", "'icmp", "icmp'", "'", "it's", "a'''b", "''''"})
         expect_whole(as_is, as_is);
     expect_whole("''", "");
@@ -201,36 +177,32 @@ TEST(FilterCorpus, OnlyWhatNoExpressionCanBeIsRefused) {
         EXPECT_FALSE(quote_capture_filter(text, word, sizeof(word)));
         EXPECT_STREQ(word, "");
     }
-    // A '-' later in the expression is tcpdump's text, and so are bytes
-    // above ASCII.
+    // A '-' later in the expression is tcpdump's text, and so are bytes above ASCII.
     for (const char *text : {"icmp -w /tmp/x", "'x' -w /tmp/x", "host \xc3\xa9t\xc3\xa9"})
         expect_whole(text, text);
 }
 
 TEST(FilterCorpus, TheLineIsRefusedRatherThanCut) {
-    // The longest expression that fits each mode's line exactly, and one
-    // character more.
+    // The longest expression that fits each mode's line exactly, and one more character; the same length with
+    // a quote in it (which takes four) does not fit.
     for (const auto &[mode, count] : MODES) {
         const size_t room = ZQ_TCPDUMP_COMMAND_SIZE - 1 - length_without_filter(mode, count) - 2;
         const std::string fits = "ip and " + std::string(room - 7, ' ');
         const built b = build(mode, count, fits);
         ASSERT_TRUE(b.ok) << b.log;
         EXPECT_EQ(b.command.size(), ZQ_TCPDUMP_COMMAND_SIZE - 1);
-        EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, fits));
+        EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, "any", fits));
         const built over = build(mode, count, fits + " ");
         EXPECT_FALSE(over.ok);
         EXPECT_NE(over.log.find("tcpdump command is too long"), std::string::npos) << over.log;
-        // The same length with a quote in it does not fit: the quote takes
-        // four characters.
         EXPECT_FALSE(build(mode, count, "'" + fits.substr(1)).ok);
     }
     // A filter that fills its whole field, without a terminator.
-    EXPECT_FALSE(build(0, 10, std::string(sizeof(tcpdump_req::filter), 'a')).ok);
+    EXPECT_FALSE(build(0, 10, std::string(sizeof(tcpdump_req::filter), 'a'), "lo").ok);
     // A word buffer too small for the quoted expression stays empty.
-    char small[6] = "xxxxx";
+    char small[6] = "xxxxx", exact[7];
     EXPECT_FALSE(quote_capture_filter("icmp", small, sizeof(small)));
     EXPECT_STREQ(small, "");
-    char exact[7];
     EXPECT_TRUE(quote_capture_filter("icmp", exact, sizeof(exact)));
     EXPECT_STREQ(exact, "'icmp'");
     EXPECT_FALSE(quote_capture_filter("icmp", nullptr, 10));
