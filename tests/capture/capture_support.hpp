@@ -29,14 +29,12 @@ inline tcpdump_req request(uint32_t mode, uint64_t count, const std::string &int
     return req;
 }
 
-// NUL-terminated words, as `printf '%s\0'` or /proc/PID/cmdline give them; a last word without its NUL is
-// marked.
+// NUL-terminated words, as `printf '%s\0'` gives them.
 inline std::vector<std::string> nul_split(const std::string &text) {
     std::vector<std::string> words;
     size_t at = 0;
     for (size_t end; (end = text.find('\0', at)) != std::string::npos; at = end + 1)
         words.push_back(text.substr(at, end - at));
-    if (at < text.size()) words.push_back(text.substr(at) + "(unterminated)");
     return words;
 }
 

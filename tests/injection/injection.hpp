@@ -104,14 +104,15 @@ using use_fn = std::function<void(const payload &, bool &kept)>;
 inline void run_field(const field_rule &rule, const use_fn &use) {
     const testing::TestResult &result = *testing::UnitTest::GetInstance()->current_test_info()->result();
     size_t executed = 0, refused = 0, kept = 0;
-    for (const payload &p : payloads()) {
+    for (size_t i = 0; i < payloads().size(); ++i) {
+        const payload &p = payloads()[i];
         lay_canaries();
         const int failures = result.total_part_count(); // a failure inside `use` is in its log
         bool stayed_data = false;
-        const std::string log = capture_support::log_of([&] { use(p, stayed_data); });
-        std::string shown = "the " + p.family + " payload [", shown_log = log.substr(0, 2000);
-        for (char c : p.text.substr(0, 60)) shown += c >= ' ' && c <= '~' ? c : '?';
-        shown = std::string(rule.field) + ": " + shown + (p.text.size() > 60 ? "...]" : "]");
+        const std::string log = capture_support::log_of([&] { use(p, stayed_data); }),
+                          shown_log = log.substr(0, 2000);
+        const std::string shown =
+            std::string(rule.field) + ": payload " + std::to_string(i) + " (" + p.family + ")";
         if (result.total_part_count() > failures) printf("%s:\n%s\n", shown.c_str(), shown_log.c_str());
         const bool touched = canary_touched();
         bool was_refused = false;
@@ -133,9 +134,7 @@ inline void run_field(const field_rule &rule, const use_fn &use) {
     report(rule.field, payloads().size(), executed, refused, kept);
 }
 
-template <size_t N> inline std::string text_of(const char (&field)[N]) {
-    return std::string(zq::view(field));
-}
+template <size_t N> std::string text_of(const char (&field)[N]) { return std::string(zq::view(field)); }
 
 inline void stop_any_capture() {
     if (!zqlab::pids("tcpdump").empty()) stop_tcpdump_catch();
