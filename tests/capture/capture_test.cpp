@@ -96,6 +96,7 @@ TEST_F(Capture, OutsideTextNeverReachesTheShell) {
     const std::string touch = "touch /tmp/canary";
     const std::string payloads[] = {";" + touch, "$(" + touch + ")", "`" + touch + "`",          "|" + touch,
                                     "&" + touch, "\n" + touch,       "-z /bin/sh -w /tmp/canary"};
+    zqlab::write_file(ZQ_CAPTURE_PCAP, "x"); // a capture to decode
     for (const std::string &p : payloads) {
         EXPECT_EQ(grep_tcpdump_parse(("x\"" + p).c_str()), 0) << p;
         get_tcpdump_parse(("-tve 'icmp' " + p).c_str());
@@ -104,8 +105,7 @@ TEST_F(Capture, OutsideTextNeverReachesTheShell) {
     EXPECT_FALSE(zqlab::file_exists("/tmp/capture_file/capture_parse"));
 }
 
-// ---- capture_set and the watchdog ---------------------------------------------
-
+// capture_set and the watchdog.
 int set_action(uint32_t action) {
     g_cap_exec.action = action;
     return capture_set();
@@ -135,7 +135,6 @@ TEST_F(Capture, StartAndStopThroughTheBlock) {
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
     EXPECT_EQ(is_diag_permit_holding(), 1);
     EXPECT_NE(zqlab::run("ps").find("tcpdump -v -i any -c 5000"), std::string::npos);
-    EXPECT_EQ(capture_abnormal_get(), 0);
     EXPECT_EQ(set_action(1), -1) << "already running";
     EXPECT_EQ(set_action(2), -1) << "upload while capturing";
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);

@@ -1,9 +1,7 @@
-// The injection suite's payload table, harness and fixture. Every payload would, if run by a shell (or taken
-// for an option or a path), create the canary MADE or remove the canary KEEP, both laid out afresh before
-// each payload. A payload is then executed (a canary touched: the goal is 0), refused (a log line names the
-// refusal) or kept: it stayed data of the field, ended at its NUL in a C string, or reached a command only as
-// one quoted argument, byte for byte (a capture filter). Each field prints "injection: FIELD: ...", which
-// scripts/injection adds up.
+// The injection suite's payload table, harness and fixture. Every payload, run by a shell (or taken for an
+// option or a path), would create the canary MADE or remove KEEP; it must be refused (a log line names the
+// refusal) or kept: stay data of its field, or end at its NUL in a C string. Each field prints
+// "injection: FIELD: ...", which scripts/injection adds up.
 #pragma once
 
 #include <gtest/gtest.h>
