@@ -135,6 +135,7 @@ TEST_F(Capture, StartAndStopThroughTheBlock) {
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
     EXPECT_EQ(is_diag_permit_holding(), 1);
     EXPECT_NE(zqlab::run("ps").find("tcpdump -v -i any -c 5000"), std::string::npos);
+    EXPECT_EQ(capture_abnormal_get(), 0) << "the watchdog reports a death while tcpdump runs";
     EXPECT_EQ(set_action(1), -1) << "already running";
     EXPECT_EQ(set_action(2), -1) << "upload while capturing";
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
