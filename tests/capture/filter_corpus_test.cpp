@@ -1,31 +1,26 @@
-// A caller's capture filter against the shell and against libpcap, on the
-// host: for every expression of filter_corpus.txt, the command line that
-// the library builds, split by /bin/sh, hands tcpdump exactly that
-// expression as one argument (or, when the line cannot hold it, is refused
-// as too long), and libpcap compiles the expression. The shell runs the
-// command with `tcpdump` defined as a function that prints its arguments,
-// so nothing is captured and nothing but the function runs.
+// A caller's capture filter against the shell and libpcap, on the host: the command line the library builds
+// for each expression of filter_corpus.txt, run by /bin/sh with `tcpdump` a function that prints its
+// arguments, hands tcpdump exactly that expression as one argument (or is refused as too long only when it
+// cannot hold it); and libpcap compiles the expression.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
 #ifdef ZQ_HAVE_PCAP
 #include <pcap/pcap.h>
 #endif
 
 #include "capture/capture.h"
+#include "capture_support.hpp"
 
 using namespace zq;
 
 namespace {
 
 using argv_t = std::vector<std::string>;
+using capture_support::expected_argv;
+using capture_support::PCAP;
 
 std::vector<std::string> corpus() {
     std::vector<std::string> out;
@@ -35,161 +30,102 @@ std::vector<std::string> corpus() {
     return out;
 }
 
-// The arguments `tcpdump` receives when /bin/sh runs `command` (as the
-// library's system() does, the trailing '&' included, then waits for it).
+// The arguments `tcpdump` receives when /bin/sh runs `command` (as the library's system() does, the trailing
+// '&' included, then waits for it).
 argv_t tcpdump_argv(const std::string &command) {
-    const std::string script = "tcpdump() { printf '%s\\0' \"$@\"; }\n" + command + "\nwait\n";
-    FILE *sh = popen(script.c_str(), "r");
+    FILE *sh = popen(("tcpdump() { printf '%s\\0' \"$@\"; }\n" + command + "\nwait\n").c_str(), "r");
     if (!sh) return {"(popen failed)"};
     std::string out;
     char buf[4096];
     for (size_t n; (n = fread(buf, 1, sizeof(buf), sh)) > 0;) out.append(buf, n);
     pclose(sh);
-    argv_t argv;
-    for (size_t at = 0; at < out.size();) {
-        const size_t end = out.find('\0', at);
-        if (end == std::string::npos) {
-            argv.push_back(out.substr(at) + "(unterminated)");
-            break;
-        }
-        argv.push_back(out.substr(at, end - at));
-        at = end + 1;
-    }
-    return argv;
-}
-
-tcpdump_req request(uint32_t mode, uint64_t count, const char *interface, const std::string &filter) {
-    tcpdump_req req{};
-    req.mode = mode;
-    req.catch_count = count;
-    strncpy(req.interface, interface, sizeof(req.interface) - 1);
-    memcpy(req.filter, filter.data(),
-           filter.size() < sizeof(req.filter) ? filter.size() : sizeof(req.filter));
-    return req;
+    return capture_support::nul_split(out);
 }
 
 struct built {
     bool ok;
-    std::string command;
-    std::string log;
+    std::string command, log;
 };
 
-built build(const tcpdump_req &req) {
+built build(uint32_t mode, uint64_t count, const std::string &filter, const char *interface = "any") {
     char cmd[ZQ_TCPDUMP_COMMAND_SIZE];
     memset(cmd, 'x', sizeof(cmd));
-    testing::internal::CaptureStdout();
-    const bool ok = build_tcpdump_command(req, cmd);
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(memchr(cmd, '\0', sizeof(cmd)), nullptr) << "the command buffer is not terminated";
+    bool ok = false;
+    const tcpdump_req req = capture_support::request(mode, count, interface, filter);
+    const std::string log = capture_support::log_of([&] { ok = build_tcpdump_command(req, cmd); });
     return {ok, std::string(cmd, strnlen(cmd, sizeof(cmd))), log};
 }
 
-// What tcpdump must receive for a request of each mode; an empty
-// expression gives no filter argument at all.
-constexpr const char *PCAP = "/tmp/capture_file/capture.pcap";
-argv_t expected_argv(uint32_t mode, const std::string &interface, uint64_t count,
-                     const std::string &expression) {
-    argv_t argv = {"-v", "-i", interface};
-    if (mode == 0) {
-        if (!expression.empty()) argv.push_back(expression);
-        argv.insert(argv.end(), {"-c", std::to_string(count), "-w", PCAP});
-    } else {
-        argv.insert(argv.end(), {"-C", std::to_string(count), "-W", "2", "-w", PCAP});
-        if (!expression.empty()) argv.push_back(expression);
-    }
-    return argv;
+// The length each mode's command line has without its filter word.
+size_t length_without_filter(uint32_t mode, uint64_t count) {
+    const std::string n = std::to_string(count);
+    return (mode == 0 ? "tcpdump -v -i any  -c " + n + " -w " + PCAP + " &"
+                      : "tcpdump -v -i any -C " + n + " -W 2 -w " + PCAP + " &")
+        .size();
 }
 
-// The length the command line of each mode has without its filter word.
-size_t length_without_filter(uint32_t mode, const std::string &interface, uint64_t count) {
-    const std::string rest =
-        mode == 0 ? "tcpdump -v -i " + interface + "  -c " + std::to_string(count) + " -w " + PCAP + " &"
-                  : "tcpdump -v -i " + interface + " -C " + std::to_string(count) + " -W 2 -w " + PCAP + " &";
-    return rest.size();
-}
+constexpr std::pair<uint32_t, uint64_t> MODES[] = {{0, 5000}, {1, 3}}; // mode, count
 
-struct mode_case {
-    uint32_t mode;
-    uint64_t count;
-};
-constexpr mode_case MODES[] = {{0, 5000}, {1, 3}};
-
-// One expression through both modes' command lines: whole and alone in
-// its argument, or refused because even its unquoted text cannot fit.
-void expect_whole(const std::string &filter, const std::string &expression) {
+// One filter through both modes' command lines: `expression` whole and alone in its argument, or refused
+// because even its unquoted text cannot fit. Returns whether both modes took it.
+bool expect_whole(const std::string &filter, const std::string &expression) {
+    bool both = true;
     for (const auto &[mode, count] : MODES) {
-        const built b = build(request(mode, count, "any", filter));
+        const built b = build(mode, count, filter);
+        both = both && b.ok;
         if (b.ok) {
-            EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, "any", count, expression))
+            EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, "any", expression))
                 << "mode " << mode << ", command [" << b.command << "]";
         } else {
             EXPECT_NE(b.log.find("tcpdump command is too long"), std::string::npos) << b.log;
-            EXPECT_GE(length_without_filter(mode, "any", count) + expression.size() + 2,
-                      ZQ_TCPDUMP_COMMAND_SIZE)
+            EXPECT_GE(length_without_filter(mode, count) + expression.size() + 2, ZQ_TCPDUMP_COMMAND_SIZE)
                 << "[" << filter << "] was refused though it fits";
         }
     }
+    return both;
 }
 
-TEST(FilterCorpus, HoldsEnoughRealExpressions) { EXPECT_GE(corpus().size(), 200u); }
-
+// The corpus is made of filters: compiled for Ethernet (a WAN or LAN) or the cooked header of "any", with a
+// netmask so that "ip broadcast" compiles.
 TEST(FilterCorpus, EveryExpressionIsAFilterForLibpcap) {
 #ifdef ZQ_HAVE_PCAP
-    // Ethernet, as on a WAN or LAN interface, or the cooked header of the
-    // "any" interface; a netmask so that "ip broadcast" compiles.
     for (const std::string &expression : corpus()) {
         std::string errors;
-        bool compiled = false;
         for (int link : {DLT_EN10MB, DLT_LINUX_SLL}) {
             pcap_t *pcap = pcap_open_dead(link, 262144);
-            ASSERT_NE(pcap, nullptr);
             bpf_program program{};
-            if (pcap_compile(pcap, &program, expression.c_str(), 1, 0xffffff00) == 0) {
-                compiled = true;
-                pcap_freecode(&program);
-            } else {
-                errors += std::string(" ") + pcap_geterr(pcap);
-            }
+            const bool compiled = pcap_compile(pcap, &program, expression.c_str(), 1, 0xffffff00) == 0;
+            errors = compiled ? "" : errors + " " + pcap_geterr(pcap);
+            if (compiled) pcap_freecode(&program);
             pcap_close(pcap);
             if (compiled) break;
         }
-        EXPECT_TRUE(compiled) << "[" << expression << "]:" << errors;
+        EXPECT_EQ(errors, "") << "[" << expression << "]";
     }
 #else
     GTEST_SKIP() << "libpcap was not found when the build was configured";
 #endif
 }
 
+// Each expression, and the same wrapped in single quotes, reaches tcpdump whole; the quoted word alone
+// holds it whatever its length. Wrapped whole means one quote at each end and none between: anything
+// else is an expression of its own, quotes included (which tcpdump rejects).
 TEST(FilterCorpus, EveryExpressionReachesTcpdumpWhole) {
-    size_t whole_in_both_modes = 0;
-    for (const std::string &expression : corpus()) {
-        // The quoted word alone, whatever its length.
+    const std::vector<std::string> expressions = corpus();
+    ASSERT_GE(expressions.size(), 200u) << ZQ_FILTER_CORPUS;
+    size_t taken = 0;
+    for (const std::string &expression : expressions) {
         char word[1100];
         ASSERT_TRUE(quote_capture_filter(expression, word, sizeof(word))) << expression;
         EXPECT_EQ(tcpdump_argv(std::string("tcpdump ") + word), argv_t{expression});
-        expect_whole(expression, expression);
-        whole_in_both_modes +=
-            length_without_filter(1, "any", 3) + expression.size() + 2 < ZQ_TCPDUMP_COMMAND_SIZE;
-    }
-    // Most of the corpus fits the line; the longest of the manual's
-    // examples do not.
-    EXPECT_GE(whole_in_both_modes, 250u);
-}
-
-TEST(FilterCorpus, WrappedInQuotesReachesTcpdumpAsTheSameExpression) {
-    for (const std::string &expression : corpus()) {
+        taken += expect_whole(expression, expression);
         const std::string wrapped = "'" + expression + "'";
         for (const auto &[mode, count] : MODES)
-            EXPECT_EQ(build(request(mode, count, "any", wrapped)).command,
-                      build(request(mode, count, "any", expression)).command)
-                << wrapped;
-        expect_whole(wrapped, expression);
+            EXPECT_EQ(build(mode, count, wrapped).command, build(mode, count, expression).command) << wrapped;
     }
-    // The library's own rotate-mode filter.
-    expect_whole("'! host 203.0.113.21'", "! host 203.0.113.21");
-    // Wrapped whole means one quote at each end and none between: anything
-    // else is an expression of its own, quotes included, which tcpdump
-    // rejects rather than anything else running.
+    EXPECT_GE(taken, expressions.size() - 10)
+        << "the line holds all but the longest of the manual's examples";
+    expect_whole("'! host 203.0.113.21'", "! host 203.0.113.21"); // the library's own rotate-mode filter
     for (const char *as_is : {"'udp' and 'port 53'", "'icmp", "icmp'", "'", "it's", "a'''b", "''''"})
         expect_whole(as_is, as_is);
     expect_whole("''", "");
@@ -197,88 +133,62 @@ TEST(FilterCorpus, WrappedInQuotesReachesTcpdumpAsTheSameExpression) {
 }
 
 TEST(FilterCorpus, ShellSyntaxInAFilterIsTcpdumpsText) {
-    char dir_template[] = "/tmp/zq-filter-XXXXXX";
-    ASSERT_NE(mkdtemp(dir_template), nullptr);
-    const std::string mark = std::string(dir_template) + "/ran";
-    const std::string touch = "touch " + mark;
-    for (const std::string &text : std::vector<std::string>{"icmp; " + touch,
-                                                            "icmp && " + touch,
-                                                            "icmp || " + touch,
-                                                            "icmp | " + touch,
-                                                            "icmp & " + touch,
-                                                            "$(" + touch + ")",
-                                                            "`" + touch + "`",
-                                                            "icmp > " + mark,
-                                                            "icmp < " + mark,
-                                                            "icmp' ; " + touch + " '",
-                                                            "icmp'\\'' ; " + touch,
-                                                            "\"$(" + touch + ")\"",
-                                                            "icmp \\; " + touch,
-                                                            "${IFS}" + touch,
-                                                            "icmp -w " + mark,
-                                                            "udp\tand\tport 53",
-                                                            "icmp # comment",
-                                                            "*",
-                                                            "~",
-                                                            "!!",
-                                                            "{a,b}",
-                                                            "udp and (port 67 or port 68); " + touch}) {
+    char dir[] = "/tmp/zq-filter-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string mark = std::string(dir) + "/ran", touch = "touch " + mark;
+    // '@' stands for the command that leaves the mark, '^' for the mark.
+    const char *const texts[] = {
+        "icmp; @",    "icmp && @", "icmp || @", "icmp | @",          "icmp & @",       "$(@)",
+        "`@`",        "icmp > ^",  "icmp < ^",  "icmp' ; @ '",       "icmp'\\'' ; @",  "\"$(@)\"",
+        "icmp \\; @", "${IFS}@",   "icmp -w ^", "udp\tand\tport 53", "icmp # comment", "*",
+        "~",          "!!",        "{a,b}"};
+    for (std::string text : texts) {
+        for (size_t at; (at = text.find_first_of("@^")) != std::string::npos;)
+            text.replace(at, 1, text[at] == '@' ? touch : mark);
         expect_whole(text, text);
         EXPECT_NE(access(mark.c_str(), F_OK), 0) << "[" << text << "] ran";
     }
-    expect_whole("'$(" + touch + ")'", "$(" + touch + ")");
-    EXPECT_NE(access(mark.c_str(), F_OK), 0);
     std::remove(mark.c_str());
-    rmdir(dir_template);
+    rmdir(dir);
 }
 
 TEST(FilterCorpus, OnlyWhatNoExpressionCanBeIsRefused) {
-    for (const std::string &text :
-         {std::string("udp\nand port 53"), std::string("icmp\n"), std::string("\r"), std::string("icmp\x7f"),
-          std::string("\x1b[31m"), std::string("udp\vport 53"), std::string("-w /tmp/x"),
-          std::string("  -w /tmp/x"), std::string("\t-z sh"), std::string("'-r /tmp/x'"),
-          std::string("' -w /tmp/x'"), std::string("--help"), std::string("-"), std::string("-z sh")}) {
-        for (const auto &[mode, count] : MODES) {
-            const built b = build(request(mode, count, "any", text));
-            EXPECT_FALSE(b.ok) << text;
-            EXPECT_EQ(b.command, "");
-            EXPECT_NE(b.log.find("invalid capture filter"), std::string::npos) << b.log;
-        }
+    for (const char *text :
+         {"udp\nand port 53", "icmp\n", "\r", "icmp\x7f", "\x1b[31m", "udp\vport 53", "-w /tmp/x",
+          "  -w /tmp/x", "\t-z sh", "'-r /tmp/x'", "' -w /tmp/x'", "--help", "-", "-z sh"}) {
+        const built b = build(0, 10, text); // refused before the mode's line is written
+        EXPECT_FALSE(b.ok) << text;
+        EXPECT_EQ(b.command, "");
+        EXPECT_NE(b.log.find("invalid capture filter"), std::string::npos) << b.log;
         char word[64] = "untouched";
         EXPECT_FALSE(quote_capture_filter(text, word, sizeof(word)));
         EXPECT_STREQ(word, "");
     }
-    // A '-' later in the expression is tcpdump's text, and so are bytes
-    // above ASCII.
-    expect_whole("icmp -w /tmp/x", "icmp -w /tmp/x");
-    expect_whole("'x' -w /tmp/x", "'x' -w /tmp/x");
-    expect_whole("host \xc3\xa9t\xc3\xa9", "host \xc3\xa9t\xc3\xa9");
+    // A '-' later in the expression is tcpdump's text, and so are bytes above ASCII.
+    for (const char *text : {"icmp -w /tmp/x", "'x' -w /tmp/x", "host \xc3\xa9t\xc3\xa9"})
+        expect_whole(text, text);
 }
 
 TEST(FilterCorpus, TheLineIsRefusedRatherThanCut) {
-    // The longest expression that fits each mode's line exactly, and one
-    // character more.
+    // The longest expression that fits each mode's line exactly, and one more character; the same length with
+    // a quote in it (which takes four) does not fit.
     for (const auto &[mode, count] : MODES) {
-        const size_t room = ZQ_TCPDUMP_COMMAND_SIZE - 1 - length_without_filter(mode, "any", count) - 2;
+        const size_t room = ZQ_TCPDUMP_COMMAND_SIZE - 1 - length_without_filter(mode, count) - 2;
         const std::string fits = "ip and " + std::string(room - 7, ' ');
-        const built b = build(request(mode, count, "any", fits));
+        const built b = build(mode, count, fits);
         ASSERT_TRUE(b.ok) << b.log;
-        EXPECT_EQ(b.command.size(), ZQ_TCPDUMP_COMMAND_SIZE - 1);
-        EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, "any", count, fits));
-        const built over = build(request(mode, count, "any", fits + " "));
+        EXPECT_EQ(tcpdump_argv(b.command), expected_argv(mode, count, "any", fits));
+        const built over = build(mode, count, fits + " ");
         EXPECT_FALSE(over.ok);
         EXPECT_NE(over.log.find("tcpdump command is too long"), std::string::npos) << over.log;
-        // The same length with a quote in it does not fit: the quote takes
-        // four characters.
-        EXPECT_FALSE(build(request(mode, count, "any", "'" + fits.substr(1))).ok);
+        EXPECT_FALSE(build(mode, count, "'" + fits.substr(1)).ok);
     }
     // A filter that fills its whole field, without a terminator.
-    EXPECT_FALSE(build(request(0, 10, "lo", std::string(sizeof(tcpdump_req::filter), 'a'))).ok);
+    EXPECT_FALSE(build(0, 10, std::string(sizeof(tcpdump_req::filter), 'a'), "lo").ok);
     // A word buffer too small for the quoted expression stays empty.
-    char small[6] = "xxxxx";
+    char small[6] = "xxxxx", exact[7];
     EXPECT_FALSE(quote_capture_filter("icmp", small, sizeof(small)));
     EXPECT_STREQ(small, "");
-    char exact[7];
     EXPECT_TRUE(quote_capture_filter("icmp", exact, sizeof(exact)));
     EXPECT_STREQ(exact, "'icmp'");
     EXPECT_FALSE(quote_capture_filter("icmp", nullptr, 10));

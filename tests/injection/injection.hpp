@@ -1,79 +1,166 @@
-// The injection suite: a table of payload families, and the harness that
-// sends every payload through one field of outside text and judges what
-// became of it.
-//
-// Every payload would, if a shell ever ran it (or a program took it for an
-// option or a path), create the canary file MADE or remove the canary file
-// KEEP; both are laid out afresh before each payload. A payload ends in one
-// of three ways:
-//   executed  a canary was touched (the goal is 0);
-//   refused   the library wrote a log line that names the refusal (each
-//             field lists the lines that count);
-//   kept      the text never reached a command: it stayed data of the
-//             field (a name shown in a finding, a value in a record), or,
-//             in a C string, ended at its NUL byte; or it reached one only
-//             as a single quoted argument, byte for byte (a capture
-//             filter, which tcpdump gets as its expression).
-// Each field's test prints one summary line, "injection: FIELD: ...";
-// scripts/injection adds them up.
+// The injection suite's payload table, harness and fixture. Every payload, run by a shell (or taken for an
+// option or a path), would create the canary MADE or remove KEEP; it must be refused (a log line names the
+// refusal) or kept: stay data of its field, or end at its NUL in a C string. Each field prints
+// "injection: FIELD: ...", which scripts/injection adds up.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <initializer_list>
-#include <string>
-#include <vector>
+#include <unistd.h>
+
+#include "capture/capture.h"
+#include "engine/engine.h"
+#include "engine/exec_block.h"
+#include "engine/util.h"
+#include "lab/zqlab.hpp"
+#include "methods/methods.h"
+#include "methods/network/pppoe_analysis.h"
+#include "records/records.h"
+#include "tests/capture/capture_support.hpp"
+#include "tests/methods/method_support.hpp"
+#include "upload/upload.h"
 
 namespace injection {
+
+using namespace zq;
+using capture_support::fill;
+using method_test::records;
 
 constexpr const char *MADE = "/tmp/zq-canary-made";
 constexpr const char *KEEP = "/tmp/zq-canary-keep";
 
 struct payload {
-    std::string family;
-    std::string text;
-    // The family is the embedded NUL: in a C string the value ends there.
-    bool nul() const { return family == "nul"; }
+    std::string family, text;
+    bool nul() const { return family == "nul"; } // an embedded NUL: a C string ends there
 };
 
-// Every payload, family by family.
-const std::vector<payload> &payloads();
+inline const std::vector<payload> &payloads() {
+    static const std::vector<payload> all = [] {
+        using std::string;
+        const string M = MADE, K = KEEP, T = "touch " + M, R = "rm -f " + K, T_IFS = "touch${IFS}" + M;
+        const string A = "192.0.2.10", I = "nas0_0"; // a WAN's own address and interface
+        const std::pair<const char *, std::vector<string>> families[] = {
+            {"backtick", {"`" + T + "`", "x`" + R + "`", A + "`" + T + "`", "`" + T_IFS + "`"}},
+            {"semicolon", {";" + T, "x;" + R + ";", A + "; " + T, I + ";" + T}},
+            {"pipe", {"|" + T, "x|" + R, "x||" + T, A + "|tee " + MADE}},
+            {"and", {"&&" + T, "x&&" + R, "x & " + T, A + "&" + T + "&"}},
+            {"dollar-paren", {"$(" + T + ")", "x$(" + R + ")", "$(" + T_IFS + ")", A + "$(" + T + ")"}},
+            {"ifs", {";" + T_IFS, "${IFS}-w${IFS}" + M, "x;rm${IFS}-f${IFS}" + K, "$IFS;" + T}},
+            {"quote", {"';" + T + ";'", "\";" + T + ";\"", "x' -w " + M + " '", "\\\";" + T + ";#"}},
+            {"newline", {"\n" + T, "x\n" + R, A + "\n" + T, "x\r\n" + T}},
+            {"option", {"-w" + M, "-o" + M, "--output-file=" + M, "-fr " + K}},
+            {"path", {"../../../.." + K, "..", "/../.." + K, "x/../../.." + K}},
+            {"oversize",
+             {string(300, 'A') + ";" + T, string(4096, 'A') + "$(" + T + ")", string(70000, 'A') + "|" + T,
+              A + string(300, ' ') + ";" + T}},
+            {"nul",
+             {string("\0;", 2) + T, string("lo\0`", 4) + T + "`", A + string("\0;", 2) + R,
+              I + string("\0$(", 3) + T + ")"}},
+        };
+        std::vector<payload> out;
+        for (const auto &[name, texts] : families)
+            for (const string &text : texts) out.push_back({name, text});
+        return out;
+    }();
+    return all;
+}
 
-// What one payload did to its field.
-struct observation {
-    std::string log; // the library's log lines while the field was used
-    bool kept = false;
-};
+inline bool canary_touched() { return zqlab::file_exists(MADE) || !zqlab::file_exists(KEEP); }
 
-// Runs every payload through `use` (which puts it into the field, uses the
-// field as the library does and reports what happened) and checks each:
-// nothing executed, and refused (a log line holding one of
-// `refusal_lines`) or kept. With `all_refused`, every payload but those of
-// the NUL family in a C string (`c_string`) must be refused.
+inline void lay_canaries() {
+    std::remove(MADE);
+    zqlab::write_file(KEEP, "keep\n");
+}
+
+inline void report(const char *field, size_t payloads, size_t executed, size_t refused, size_t kept) {
+    printf("injection: %s: %zu payloads, %zu executed, %zu refused with a log line, %zu kept as data\n",
+           field, payloads, executed, refused, kept);
+    fflush(stdout);
+}
+
+// What the library holds of a tool's answer `output` once its command runner has read it (up to its first
+// NUL, which falls in the first read and last line of every payload, into a 4096-byte ring that keeps the
+// newest bytes and gives the last one to the terminator) and copied it into a `field`-byte text.
+inline std::string as_read(const std::string &output, size_t field) {
+    std::string stream = output.substr(0, output.find('\0'));
+    if (stream.size() >= 4096) stream = stream.substr(stream.size() - 4096, 4095);
+    return stream.substr(0, field - 1);
+}
+
+// A field and the log lines that refuse a value of it. With `all_refused`, every payload must be refused but
+// the NUL family's in a C string (`c_string`), which ends before its hostile part.
 struct field_rule {
     const char *field;
-    std::initializer_list<const char *> refusal_lines;
-    bool all_refused;
-    bool c_string;
+    std::initializer_list<const char *> refusal_lines = {};
+    bool all_refused = false;
+    bool c_string = false;
 };
-void run_field(const field_rule &rule, const std::function<observation(const payload &)> &use);
 
-// Lays the canaries out afresh; true when a payload has touched them since.
-void lay_canaries();
-bool canary_touched();
+// Runs every payload through `use`, which puts it into the field, uses the field as the library does and sets
+// `kept` when the text stayed data: nothing may run, and each is refused or kept.
+using use_fn = std::function<void(const payload &, bool &kept)>;
+inline void run_field(const field_rule &rule, const use_fn &use) {
+    const testing::TestResult &result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+    size_t executed = 0, refused = 0, kept = 0;
+    for (size_t i = 0; i < payloads().size(); ++i) {
+        const payload &p = payloads()[i];
+        lay_canaries();
+        const int failures = result.total_part_count(); // a failure inside `use` is in its log
+        bool stayed_data = false;
+        const std::string log = capture_support::log_of([&] { use(p, stayed_data); }),
+                          shown_log = log.substr(0, 2000);
+        const std::string shown =
+            std::string(rule.field) + ": payload " + std::to_string(i) + " (" + p.family + ")";
+        if (result.total_part_count() > failures) printf("%s:\n%s\n", shown.c_str(), shown_log.c_str());
+        const bool touched = canary_touched();
+        bool was_refused = false;
+        for (const char *line : rule.refusal_lines)
+            was_refused = was_refused || log.find(line) != std::string::npos;
+        const bool was_kept = !was_refused && (stayed_data || (rule.c_string && p.nul()));
+        executed += touched;
+        refused += was_refused;
+        kept += was_kept;
+        EXPECT_FALSE(touched) << shown << " ran";
+        const bool must_refuse = rule.all_refused && !(rule.c_string && p.nul());
+        EXPECT_TRUE(was_refused || (was_kept && !must_refuse))
+            << shown
+            << (must_refuse ? " was not refused\n"
+                            : " was neither refused with a log line nor kept as data\n")
+            << shown_log;
+    }
+    lay_canaries();
+    report(rule.field, payloads().size(), executed, refused, kept);
+}
 
-// Prints a field's summary line, which scripts/injection adds up.
-void report(const char *field, size_t payloads, size_t executed, size_t refused, size_t kept);
+template <size_t N> std::string text_of(const char (&field)[N]) { return std::string(zq::view(field)); }
 
-// The library's log lines (its standard output) while `fn` runs.
-std::string log_of(const std::function<void()> &fn);
+inline void stop_any_capture() {
+    if (!zqlab::pids("tcpdump").empty()) stop_tcpdump_catch();
+}
 
-// What the library holds of a tool's answer `output` after reading it
-// through its command runner into a `buffer`-byte buffer and copying it
-// into a `field`-byte text field: the runner drops the rest of a 63-byte
-// read after a NUL and keeps the newest bytes of a long answer; the copy
-// stops at the first NUL and keeps field - 1 characters.
-std::string as_read(const std::string &output, size_t field, size_t buffer = 4096);
+inline uint32_t step(const char *method) { return method_test::run_step(method, ACTION_DIAG).result; }
+
+// Lines the library writes when it refuses a value of each kind.
+#define URL_REFUSALS                                                                                         \
+    "refused url", "wput url parse error", "file upload params error", "rotate mode init error"
+#define NAME_REFUSALS "refused file_name", "does not exist and cannot be renamed or uploaded"
+#define INTERFACE_REFUSALS "invalid interface name", "empty interface", "tcpdump command is too long"
+#define NUL_REFUSAL "output holds a NUL byte"
+#define NUMBER_REFUSAL "is no plain number"
+
+class Injection : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        memset(&g_diag_exec, 0, sizeof(g_diag_exec));
+        memset(&g_cap_exec, 0, sizeof(g_cap_exec));
+        clear_diag_chain();
+        zq_diag_msg_reset();
+        zqlab::write_file("/tmp/diag_file/.keep", "");
+    }
+    void TearDown() override {
+        stop_any_capture();
+        EXPECT_EQ(is_diag_permit_holding(), 0) << "a refused payload left the permit taken";
+    }
+};
 
 } // namespace injection
