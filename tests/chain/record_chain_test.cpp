@@ -2,26 +2,12 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "records/records.h"
 
 using namespace zq;
 
 namespace {
-
-struct Node {
-    uint32_t type;
-    unsigned index;
-    unsigned count;
-    std::string tag;
-};
-
-zqSD_wan_diag wan(const char *type) {
-    zqSD_wan_diag w{};
-    strcpy(w.type, type);
-    return w;
-}
 
 class RecordChain : public ::testing::Test {
   protected:
@@ -42,7 +28,8 @@ TEST_F(RecordChain, MismatchedStoresChangeNothing) {
 }
 
 TEST_F(RecordChain, ReadingPatternRefusesAReaderOfAnotherLayout) {
-    auto w = wan("a");
+    zqSD_wan_diag w{};
+    strcpy(w.type, "a");
     ASSERT_EQ(zq_diag_record(WAN_DIAG_DATA, &w, sizeof(w)), 0);
     testing::internal::CaptureStdout();
     diag_data_node *head =

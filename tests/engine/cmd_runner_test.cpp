@@ -26,12 +26,6 @@ std::vector<char> run(const std::string &cmd, size_t size, char fill = 'X') {
     return out;
 }
 
-std::string alphabet(size_t n) {
-    std::string s;
-    for (size_t i = 0; i < n; ++i) s += static_cast<char>('A' + i % 26);
-    return s;
-}
-
 // The ring is put in order through a scratch copy at the end of every
 // wrapped run; a gateway runs such commands for as long as it is up.
 TEST(CommandRunner, WrappedOutputLeavesNoHeapBehind) {
@@ -43,9 +37,7 @@ TEST(CommandRunner, WrappedOutputLeavesNoHeapBehind) {
 }
 
 TEST(CommandRunner, OutputOfExactlyTheBufferSizeIsTerminated) {
-    std::string text = alphabet(64);
-    auto out = run("printf " + text, 64);
-    EXPECT_EQ(std::string(out.data()), text.substr(0, 63));
+    EXPECT_EQ(std::string(run("printf " + std::string(63, 'a') + "b", 64).data()), std::string(63, 'a'));
 }
 
 // The runner's scratch allocation fails (the address space is capped just

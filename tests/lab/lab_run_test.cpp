@@ -70,80 +70,39 @@ TEST(LabRun, LeavesNothingBehind) {
     for (const char *dir : {"/tmp/", "/run/", "/dev/shm/", "/etc/", "/var/", "/bin/"})
         EXPECT_FALSE(exists(dir + t)) << dir << t;
     EXPECT_EQ(processes_marked("ZQLAB_TEST_MARK=" + t), 0) << "a daemon of the lab outlived it";
-    Result mounts = sh("grep -c zqlab /proc/self/mountinfo");
-    EXPECT_EQ(mounts.out, "0\n");
+    EXPECT_EQ(sh("grep -c zqlab /proc/self/mountinfo").out, "0\n");
 }
 
-TEST(LabRun, LabsAreIsolatedFromEachOther) {
-    const std::string t = token();
-    char cwd[4096];
+// A running lab (with its ISP namespace and WAN links, files in /dev/shm and /tmp, a changed alarm word)
+// shows none of it to another lab, adds no interface or named network namespace to the host, and leaves none.
+TEST(LabRun, LabsAreApartAndLeaveTheHostsNetworkAlone) {
+    const std::string t = token(),
+                      host_net = "ip -o link | cut -d: -f2 | cut -d@ -f1; ip netns list; ls /run/netns 2>&1";
+    const std::string before = sh(host_net).out;
+    char cwd[4096]; // the working directory is shared with the host: the release file is seen inside
     ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
     const std::string release = std::string(cwd) + "/" + t + ".release";
-    // The first lab holds files in /dev/shm and /tmp and a changed alarm
-    // word until the release file appears (the working directory is shared
-    // with the host).
-    FILE *first = popen((kRun + " -- sh -c 'touch /dev/shm/" + t + " /tmp/" + t +
-                         "; zqlab set alarm 16; echo ready; i=0; "
-                         "while [ ! -e " +
-                         release + " ] && [ $i -lt 3000 ]; do usleep 10000; i=$((i+1)); done'")
+    FILE *first = popen((kRun + " --scenario bridge-wan -- sh -c 'touch /dev/shm/" + t + " /tmp/" + t +
+                         "; zqlab set alarm 16; ip -o link | grep -c nas0_; i=0; while [ ! -e " + release +
+                         " ] && [ $i -lt 3000 ]; do usleep 10000; i=$((i+1)); done'")
                             .c_str(),
                         "r");
     ASSERT_NE(first, nullptr);
     char line[64] = "";
     ASSERT_NE(fgets(line, sizeof line, first), nullptr);
-    EXPECT_STREQ(line, "ready\n");
+    EXPECT_STREQ(line, "2\n") << "the first lab's WAN links are up";
+    EXPECT_EQ(sh(host_net).out, before);
 
     Result second = sh(kRun + " -- sh -c 'ls /dev/shm /tmp; zqlab alarm'");
     EXPECT_EQ(second.out.find(t), std::string::npos) << second.out;
     EXPECT_NE(second.out.find("\n0\n"), std::string::npos) << second.out;
 
-    FILE *rel = fopen(release.c_str(), "w");
-    ASSERT_NE(rel, nullptr);
-    fclose(rel);
+    EXPECT_EQ(sh("touch " + release).status, 0);
     pclose(first);
     unlink(release.c_str());
     EXPECT_FALSE(exists("/dev/shm/" + t));
-}
-
-// A running lab (with its ISP namespace and WAN links) adds no interface
-// and no named network namespace to the host, and leaves none behind.
-TEST(LabRun, NeverTouchesTheHostsNetwork) {
-    const std::string host_net = "ip -o link | cut -d: -f2 | cut -d@ -f1; ip netns list; ls /run/netns 2>&1";
-    const std::string before = sh(host_net).out;
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    const std::string release = std::string(cwd) + "/" + token() + ".net-release";
-    FILE *lab =
-        popen((kRun + " --scenario bridge-wan -- sh -c 'ip -o link | grep -c nas0_; i=0; while [ ! -e " +
-               release + " ] && [ $i -lt 3000 ]; do usleep 10000; i=$((i+1)); done'")
-                  .c_str(),
-              "r");
-    ASSERT_NE(lab, nullptr);
-    char line[64] = "";
-    ASSERT_NE(fgets(line, sizeof line, lab), nullptr);
-    EXPECT_STREQ(line, "2\n") << "the lab's WAN links are up";
-    EXPECT_EQ(sh(host_net).out, before);
-    FILE *rel = fopen(release.c_str(), "w");
-    ASSERT_NE(rel, nullptr);
-    fclose(rel);
-    pclose(lab);
-    unlink(release.c_str());
     EXPECT_EQ(sh(host_net).out, before);
 }
-
-namespace {
-
-// Processes of a lab that was killed from outside die shortly after it.
-int processes_marked_after_settling(const std::string &marker) {
-    int n = processes_marked(marker);
-    for (int i = 0; i < 500 && n != 0; i++) {
-        usleep(10000);
-        n = processes_marked(marker);
-    }
-    return n;
-}
-
-} // namespace
 
 // A signal sent to lab/run, while the lab starts or once the command runs,
 // ends the command with it and leaves no process of the lab behind.
@@ -151,25 +110,23 @@ TEST(LabRun, SignalsEndTheCommandAndTheLab) {
     // lab/run gets the signals' default handling, whatever this test inherited.
     for (int sig : {SIGTERM, SIGINT, SIGHUP}) signal(sig, SIG_DFL);
     const std::string mark = "ZQLAB_TEST_MARK=" + token() + "-sig";
-    struct Case {
-        int sig;
-        int delay_us; // -1: once the command runs
-    };
-    for (const Case c :
-         {Case{SIGTERM, 0}, Case{SIGTERM, 60000}, Case{SIGTERM, -1}, Case{SIGINT, -1}, Case{SIGHUP, -1}}) {
+    // Each signal with its delay in microseconds after the start, -1: once the command runs.
+    const std::pair<int, int> cases[] = {
+        {SIGTERM, 0}, {SIGTERM, 60000}, {SIGTERM, -1}, {SIGINT, -1}, {SIGHUP, -1}};
+    for (const auto &[sig, delay_us] : cases) {
         const std::string when =
-            "signal " + std::to_string(c.sig) + " after " + std::to_string(c.delay_us) + " us";
+            "signal " + std::to_string(sig) + " after " + std::to_string(delay_us) + " us";
         // The shell tells its pid, then lab/run takes its place.
         FILE *p =
             popen(("echo $$; " + mark + " exec " + kRun + " -- sh -c 'echo up; exec sleep 60'").c_str(), "r");
         ASSERT_NE(p, nullptr);
         char pid[32] = "", up[8] = "";
         ASSERT_NE(fgets(pid, sizeof pid, p), nullptr);
-        if (c.delay_us < 0)
+        if (delay_us < 0)
             ASSERT_NE(fgets(up, sizeof up, p), nullptr);
         else
-            usleep(static_cast<useconds_t>(c.delay_us));
-        ASSERT_EQ(kill(std::atoi(pid), c.sig), 0);
+            usleep(static_cast<useconds_t>(delay_us));
+        ASSERT_EQ(kill(std::atoi(pid), sig), 0);
         // Read to the end: a command that starts just as the signal comes
         // must not die of a write into a closed pipe instead.
         char rest[64];
@@ -179,10 +136,13 @@ TEST(LabRun, SignalsEndTheCommandAndTheLab) {
         EXPECT_EQ(WIFEXITED(st)     ? WEXITSTATUS(st)
                   : WIFSIGNALED(st) ? 128 + WTERMSIG(st)
                                     : -1,
-                  128 + c.sig)
+                  128 + sig)
             << when;
         // A lab killed while starting may outlive lab/run by a moment.
-        EXPECT_EQ(c.delay_us < 0 ? processes_marked(mark) : processes_marked_after_settling(mark), 0) << when;
+        int left = processes_marked(mark);
+        for (int i = 0; delay_us >= 0 && i < 500 && left != 0; i++, usleep(10000))
+            left = processes_marked(mark);
+        EXPECT_EQ(left, 0) << when;
     }
 }
 

@@ -47,13 +47,4 @@ template <class T> T only_record() {
     return all.empty() ? T{} : all.front();
 }
 
-inline void store_wan(const char *type, uint8_t disable_lan_dhcp, uint16_t itf_group, const char *name) {
-    zqSD_wan_diag wan{};
-    zq::copy(wan.type, type);
-    zq::copy(wan.wan_name, name);
-    wan.disable_lan_dhcp = disable_lan_dhcp;
-    wan.itfGroup = itf_group;
-    zq_diag_record(WAN_DIAG_DATA, &wan, sizeof(wan));
-}
-
 } // namespace method_test

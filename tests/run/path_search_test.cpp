@@ -1,22 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 #include "engine/engine.h"
-#include "lab/zqlab.hpp"
 #include "records/records.h"
 
 using namespace zq;
 
 namespace {
-
-using Steps = std::vector<std::string>;
 
 TEST(FilterList, CustomPathChecksItsInput) {
     char names[2][32] = {"pon_status", "wan_status"};

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -10,7 +9,6 @@
 #include <unistd.h>
 
 #include "engine/engine.h"
-#include "lab/zqlab.hpp"
 #include "records/records.h"
 
 using namespace zq;
@@ -19,7 +17,7 @@ namespace {
 
 class RunControl : public ::testing::Test {
   protected:
-    void SetUp() override { memset(&g_diag_exec, 0, sizeof(g_diag_exec)); }
+    void SetUp() override { g_diag_exec = {}; }
 
     // Waits for the worker to end; gives up after a generous bound.
     static void wait_worker() {
