@@ -77,7 +77,7 @@ TEST_F(Injection, CaptureInterfaces) {
 }
 
 // Names a caller passes: a process's and a step's method. (A record's source address for the preset DNS
-// pings goes through the ping source check: methods/ping_test.cpp.)
+// pings goes through the ping source check: methods/methods_test.cpp.)
 TEST_F(Injection, NamesFromTheCaller) {
     run_field({"zq_get_pid name", {"invalid process name"}, true, true},
               [](const payload &p, bool &) { EXPECT_EQ(zq_get_pid(p.text.c_str()), 0u); });
