@@ -1,14 +1,10 @@
 #!/usr/bin/env python3
 """check_recipes.py SOURCE_DIR BUILD_DIR CMAKE WORK_DIR
 
-Runs the firmware recipes (packaging/openwrt/Makefile, packaging/buildroot/
-zqdiag.mk) with stand-ins for OpenWrt's and Buildroot's own files (stubs/)
-and compares what they install with `cmake --install --prefix /usr` of this
-build, less the Inspect component (the ISP's host tool, which firmware never
-carries) and less manual pages and documentation. Also checks each recipe's
-version and CMake options, that OpenWrt's Build/Prepare copy configures, and
-Buildroot's default source tree. Exits 0 when all match, 1 with the
-differences, 77 (skipped) when the build's libdir is not the recipes' lib.
+Runs the firmware recipes (packaging/) with stand-ins for OpenWrt's and Buildroot's own files (stubs/) and
+compares what they install with `cmake --install --prefix /usr` of this build, less the Inspect component, man
+pages and documentation; checks each recipe's version and CMake options, that OpenWrt's Build/Prepare copy
+configures, and Buildroot's source tree. Exits 1 on differences, 77 when the build's libdir is not lib.
 """
 import os
 import re
@@ -19,6 +15,7 @@ import sys
 LIB, NOT_FIRMWARE = "usr/lib/", ("usr/share/man/", "usr/share/doc/")
 REQUIRED_OPTIONS = {"ZQ_BUILD_TESTS": "OFF", "ZQ_BUILD_BENCH": "OFF", "ZQ_BUILD_FUZZ": "OFF",
                     "ZQ_BUILD_INSPECT": "OFF", "CMAKE_INSTALL_LIBDIR": "lib"}
+RECIPES = {"packaging/openwrt/Makefile": "PKG_VERSION", "packaging/buildroot/zqdiag.mk": "ZQDIAG_VERSION"}
 STUBS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "stubs")
 failures = []
 
@@ -35,37 +32,39 @@ def compare(what, got, want):
 
 def tree_files(root):
     """Files and symbolic links under root, relative to it."""
-    out = set()
-    for d, dirs, files in os.walk(root):
-        for name in files + [x for x in dirs if os.path.islink(os.path.join(d, x))]:
-            out.add(os.path.relpath(os.path.join(d, name), root))
-    return out
+    return {os.path.relpath(os.path.join(d, name), root) for d, dirs, files in os.walk(root)
+            for name in files + [x for x in dirs if os.path.islink(os.path.join(d, x))]}
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
+
+
+def read(path):
+    with open(path, encoding="utf-8") as f:
+        return f.read()
 
 
 def install(cmake, build, destdir, component=None, clean=True):
     if clean:
         shutil.rmtree(destdir, ignore_errors=True)
     cmd = [cmake, "--install", build, "--prefix", "/usr"] + (["--component", component] if component else [])
-    r = subprocess.run(cmd, env=dict(os.environ, DESTDIR=destdir), stdout=subprocess.PIPE,
-                       stderr=subprocess.STDOUT, text=True)
+    r = run(cmd, env=dict(os.environ, DESTDIR=destdir))
     if r.returncode != 0:
         sys.exit(r.stdout + f"\ncmake --install {component or ''} failed")
     return tree_files(destdir)
 
 
 def make(args):
-    r = subprocess.run(["make", "--no-print-directory", "-s"] + args, stdout=subprocess.PIPE,
-                       stderr=subprocess.STDOUT, text=True)
+    r = run(["make", "--no-print-directory", "-s"] + args)
     if r.returncode != 0:
         fail("make " + " ".join(args) + " failed:\n" + r.stdout)
     return r.stdout
 
 
 def check_declarations(src, version):
-    for recipe, var in (("packaging/openwrt/Makefile", "PKG_VERSION"), ("packaging/buildroot/zqdiag.mk",
-                                                                         "ZQDIAG_VERSION")):
-        with open(os.path.join(src, recipe), encoding="utf-8") as f:
-            text = f.read()
+    for recipe, var in RECIPES.items():
+        text = read(os.path.join(src, recipe))
         found = re.search(rf"^{var}\s*:?=\s*(\S+)", text, re.M)
         if not found or found.group(1) != version:
             fail(f"{recipe}: {var} is not the project's {version}")
@@ -99,8 +98,7 @@ def run_openwrt(src, root, work, ref, cmake):
     if not os.path.exists(os.path.join(tree, "include/zq_diag.h")) or os.path.exists(os.path.join(tree, ".git")):
         fail("openwrt Build/Prepare: the copy lacks the sources or holds .git/")
     options = make(harness + ["options"]).split()
-    r = subprocess.run([cmake, "-S", tree, "-B", os.path.join(tree, "openwrt-build")] + options,
-                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    r = run([cmake, "-S", tree, "-B", os.path.join(tree, "openwrt-build")] + options)
     if r.returncode != 0:
         fail("openwrt: the copied tree does not configure with " + " ".join(options) + ":\n" + r.stdout[-3000:])
 
@@ -124,19 +122,18 @@ def main():
     if len(sys.argv) != 5:
         sys.exit(__doc__)
     src, build, cmake, work = sys.argv[1:]
-    with open(os.path.join(build, "CMakeCache.txt"), encoding="utf-8") as f:
-        libdir = re.search(r"^CMAKE_INSTALL_LIBDIR:[A-Z]+=(.*)$", f.read(), re.M)
+    libdir = re.search(r"^CMAKE_INSTALL_LIBDIR:[A-Z]+=(.*)$", read(os.path.join(build, "CMakeCache.txt")), re.M)
     if not libdir or libdir.group(1) != "lib":
         print("skipped: this build installs its libraries elsewhere than the recipes' lib")
         return 77
-    with open(os.path.join(src, "CMakeLists.txt"), encoding="utf-8") as f:
-        version = re.search(r"project\(zqdiag VERSION (\S+)", f.read()).group(1)
+    version = re.search(r"project\(zqdiag VERSION (\S+)", read(os.path.join(src, "CMakeLists.txt"))).group(1)
 
     shutil.rmtree(work, ignore_errors=True)
     everything = install(cmake, build, os.path.join(work, "all"))
     parts = {c: install(cmake, build, os.path.join(work, c), c) for c in ("Runtime", "Development", "Inspect")}
-    if everything - set().union(*parts.values()):
-        fail(f"files of an install component the recipes do not know: {sorted(everything - set().union(*parts.values()))}")
+    unknown = everything - set().union(*parts.values())
+    if unknown:
+        fail(f"files of an install component the recipes do not know: {sorted(unknown)}")
     root = os.path.join(work, "firmware")
     install(cmake, build, root, "Runtime")
     install(cmake, build, root, "Development", clean=False)

@@ -1,15 +1,7 @@
 #!/usr/bin/env python3
-"""The README tells the truth: every path it names exists, every zqdiag
-subcommand it names answers --help, and its lab commands run.
-
-    check_readme.py SOURCE_DIR BUILD_DIR
-
-The README's commands are written for a host build in build/host (the build
-directory of `scripts/test host`) and with `zqdiag` standing for the built
-tool: here build/host/ is BUILD_DIR and zqdiag BUILD_DIR/cli/zqdiag. Only
-commands that change nothing outside the lab are run: the lab's (each in a
-fresh simulated gateway); scripts, builds and installs are only checked to
-exist. Prints one line per check and exits 1 when any failed.
+"""check_readme.py SOURCE_DIR BUILD_DIR: every path the README names exists, every zqdiag subcommand it
+names answers --help, and its lab commands run, each in a fresh gateway (nothing else is run). Its commands
+are written for build/host (of `scripts/test host`): here that is BUILD_DIR, and zqdiag BUILD_DIR/cli/zqdiag.
 """
 import os
 import re
@@ -21,7 +13,7 @@ SRC, BUILD = (os.path.abspath(a) for a in sys.argv[1:3])
 ZQDIAG = os.path.join(BUILD, "cli", "zqdiag")
 README = open(os.path.join(SRC, "README.md"), encoding="utf-8").read()
 # The folders of the checkout that a README path may start with.
-TOP = sorted(d for d in os.listdir(SRC) if os.path.isdir(os.path.join(SRC, d)) and not d.startswith(".") and d != "build")
+TOP = {d for d in os.listdir(SRC) if os.path.isdir(os.path.join(SRC, d)) and d[0] != "." and d != "build"}
 failures = 0
 
 
@@ -59,33 +51,22 @@ def in_build(command):
 
 
 # 1. Paths of the checkout and of the build.
-seen = set()
-for text in spans(README) + [w for c in blocks(README) for w in shlex.split(c, comments=True)]:
-    for word in text.split():
-        word = word.rstrip(".,;:)")
-        top = word.split("/", 1)[0]
-        if "/" not in word or word in seen or "*" in word or "<" in word:
-            continue
-        if top in TOP and not word.startswith("build/"):
-            seen.add(word)
-            report(os.path.exists(os.path.join(SRC, word)), "the checkout has " + word)
-        elif word.startswith("build/host/"):
-            seen.add(word)
-            report(os.path.exists(os.path.join(BUILD, word[len("build/host/"):])), "the host build has " + word)
+words = {w.rstrip(".,;:)") for t in spans(README) + [w for c in blocks(README) for w in shlex.split(c, comments=True)]
+         for w in t.split()}
+for word in sorted(w for w in words if "/" in w and "*" not in w and "<" not in w):
+    if word.split("/", 1)[0] in TOP and not word.startswith("build/"):
+        report(os.path.exists(os.path.join(SRC, word)), "the checkout has " + word)
+    elif word.startswith("build/host/"):
+        report(os.path.exists(os.path.join(BUILD, word[len("build/host/"):])), "the host build has " + word)
 
 # 2. Every zqdiag subcommand named answers --help.
-subcommands = set()
-for span in spans(README):
-    words = span.split()
-    if len(words) >= 2 and words[0] == "zqdiag" and re.fullmatch(r"[a-z]+", words[1]):
-        subcommands.add(words[1])
-for sub in sorted(subcommands):
+for sub in sorted({w[1] for w in map(str.split, spans(README))
+                   if len(w) >= 2 and w[0] == "zqdiag" and re.fullmatch(r"[a-z]+", w[1])}):
     r = subprocess.run([ZQDIAG, sub, "--help"], capture_output=True, text=True)
     report(r.returncode == 0 and r.stdout.strip() != "", "zqdiag %s --help" % sub)
 
-# 3. The lab commands, in a fresh gateway each. A diagnosis exits 1 when it
-# found something, which a faulty scenario is meant to show; anything above
-# that (usage, busy, timeout, the lab not set up) is a failure.
+# 3. The lab commands, each in a fresh gateway. A diagnosis exits 1 when it found something (as a faulty
+# scenario is meant to); anything above (usage, busy, timeout, the lab not set up) is a failure.
 lab_commands = [c for c in blocks(README) if c.startswith("lab/run ") and " -- " in c]
 lab_commands += [s for s in spans(README) if s.startswith("lab/run ") and " -- " in s]
 for command in lab_commands:
