@@ -12,8 +12,7 @@
 
 namespace capture_support {
 
-// The text's bytes in a fixed field, as a caller fills it: all of them that fit, NULs included; one that
-// fills the field leaves no terminator.
+// The text's bytes in a fixed field as a caller fills it: all that fit, NULs included, maybe no terminator.
 template <size_t N> inline void fill(char (&field)[N], const std::string &text) {
     memset(field, 0, N);
     memcpy(field, text.data(), text.size() < N ? text.size() : N);

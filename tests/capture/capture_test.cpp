@@ -105,7 +105,6 @@ TEST_F(Capture, OutsideTextNeverReachesTheShell) {
     EXPECT_FALSE(zqlab::file_exists("/tmp/capture_file/capture_parse"));
 }
 
-// capture_set and the watchdog.
 int set_action(uint32_t action) {
     g_cap_exec.action = action;
     return capture_set();
@@ -132,20 +131,15 @@ TEST_F(Capture, RequestsThatDoNothing) {
 
 TEST_F(Capture, StartAndStopThroughTheBlock) {
     ASSERT_EQ(set_action(1), 0);
-    EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
-    EXPECT_EQ(is_diag_permit_holding(), 1);
     EXPECT_NE(zqlab::run("ps").find("tcpdump -v -i any -c 5000"), std::string::npos);
     EXPECT_EQ(capture_abnormal_get(), 0) << "the watchdog reports a death while tcpdump runs";
     EXPECT_EQ(set_action(1), -1) << "already running";
     EXPECT_EQ(set_action(2), -1) << "upload while capturing";
     EXPECT_EQ(g_cap_exec.state, EXEC_RUNNING);
-    zqlab::run("ping -c 1 127.0.0.1");
-
+    // The stop's packing and release: PermitHolder.StopAfterTheCaptureEnded (tests/e2e).
     EXPECT_EQ(set_action(0), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
-    EXPECT_EQ(is_diag_permit_holding(), 0);
     EXPECT_FALSE(tcpdump_runs());
-    EXPECT_EQ(zqlab::run("tar -tf /tmp/capture_file/capture.tar"), "capture.pcap\n");
 }
 
 } // namespace

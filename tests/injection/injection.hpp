@@ -1,11 +1,11 @@
-// The injection suite's payload table, harness and fixture. Every payload, run by a shell (or taken for an
-// option or a path), would create the canary MADE or remove KEEP; it must be refused (a log line names the
-// refusal) or kept: stay data of its field, or end at its NUL in a C string. Each field prints
-// "injection: FIELD: ...", which scripts/injection adds up.
+// The injection payloads, harness and fixture. Each payload, run by a shell (or taken for an option or a
+// path), would create the canary MADE or remove KEEP; it must be refused with a log line or kept as data (a C
+// string ends at its NUL). Each field prints "injection: FIELD: ...", which scripts/injection adds up.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <unistd.h>
 
 #include "capture/capture.h"
@@ -78,9 +78,8 @@ inline void report(const char *field, size_t payloads, size_t executed, size_t r
     fflush(stdout);
 }
 
-// What the library holds of a tool's answer `output` once its command runner has read it (up to its first
-// NUL, which falls in the first read and last line of every payload, into a 4096-byte ring that keeps the
-// newest bytes and gives the last one to the terminator) and copied it into a `field`-byte text.
+// What a `field`-byte text holds of a tool's answer `output` read by the command runner: up to its first NUL,
+// the newest bytes of a 4096-byte ring whose last byte is the terminator.
 inline std::string as_read(const std::string &output, size_t field) {
     std::string stream = output.substr(0, output.find('\0'));
     if (stream.size() >= 4096) stream = stream.substr(stream.size() - 4096, 4095);
@@ -113,9 +112,8 @@ inline void run_field(const field_rule &rule, const use_fn &use) {
             std::string(rule.field) + ": payload " + std::to_string(i) + " (" + p.family + ")";
         if (result.total_part_count() > failures) printf("%s:\n%s\n", shown.c_str(), shown_log.c_str());
         const bool touched = canary_touched();
-        bool was_refused = false;
-        for (const char *line : rule.refusal_lines)
-            was_refused = was_refused || log.find(line) != std::string::npos;
+        const bool was_refused = std::ranges::any_of(
+            rule.refusal_lines, [&](const char *line) { return log.find(line) != std::string::npos; });
         const bool was_kept = !was_refused && (stayed_data || (rule.c_string && p.nul()));
         executed += touched;
         refused += was_refused;

@@ -170,9 +170,8 @@ TEST_F(Injection, TextsOfTheDecodedCapture) {
     });
 }
 
-// The same texts crafted by the lab's peers (lab/scenarios/peer-shell-text): PPPoE services and a DHCP
-// hostname that are shell text, recorded by a real capture of a WAN restart and read by the two protocol
-// methods.
+// The same texts sent by the lab's peers (lab/scenarios/peer-shell-text) as PPPoE services and a DHCP
+// hostname, in a real capture of a WAN restart read by the two protocol methods.
 TEST_F(Injection, CaptureTextFromTheLabsPeers) {
     zqlab::scenario("peer-shell-text");
     lay_canaries();
@@ -232,9 +231,8 @@ zqSD_wan_diag wan0_judged(const char *key, const payload &p, size_t wans) {
 
 using ManagerAnswers = Injection;
 
-// A refused address leaves the WAN judged by its type: a DHCP WAN without its address (a NUL's prefix may be
-// a real address, and be pinged). The second WAN is counted in (and pinged) in the first row only; the IPv6
-// rows judge a WAN that carries IPv6 alone.
+// A refused address leaves a DHCP WAN judged as one without its address (a NUL's prefix may be a real one).
+// Only the first row counts the second WAN in; the IPv6 rows judge a WAN that carries IPv6 alone.
 void address_row(const char *key, bool v6, size_t wans) {
     if (v6) {
         zqlab::put("wan.0.protocol", "IPv6");
@@ -273,9 +271,8 @@ TEST_F(ManagerAnswers, WanInterfaceForTheDecodedCapture) {
               });
 }
 
-// Texts that only name or classify a WAN: kept as reported, cut to their fields. The name is also followed
-// into a wan_status step's findings (its WAN has no address: judged by its type, without a ping); the others
-// only choose later steps, from the record.
+// Texts that only name or classify a WAN: kept as reported, cut to their fields; the name also into a
+// wan_status step's findings (its WAN has no address: judged by its type, without a ping).
 void text_row(const char *key, size_t size, size_t offset, bool judged) {
     run_field({(std::string("diagM wan_info ") + key).c_str(), {NUL_REFUSAL}},
               [&](const payload &p, bool &kept) {
