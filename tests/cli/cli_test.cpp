@@ -90,9 +90,8 @@ TEST(CliUsage, ToolOptionsAfterTheCommand) {
     EXPECT_EQ(cli({"permit", "--", "--verbose"}).status, 2);
 }
 
-// Help, and usage that each row's own check refuses (URLs the library would
-// refuse, a rotate capture without its server, a single capture with one),
-// run nothing.
+// Help, and usage that each row's own check refuses (URLs the library would refuse, a rotate capture
+// without its server, a single capture with one), run nothing.
 TEST(CliUsage, HelpAndBadUsageRunNothing) {
     const CliResult top = cli({"--help"});
     EXPECT_EQ(top.status, 0);
