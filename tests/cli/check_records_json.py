@@ -1,11 +1,7 @@
 #!/usr/bin/python3
-"""check_records_json.py SOURCE_DIR ZQDIAG [LAUNCHER...]
-
-`zqdiag records --json`, run in a fresh lab gateway per scenario and mode,
-against cli/schema/zqdiag-records.schema.json; then what the schema cannot
-say: a verdict is null exactly when the diagnosis did not give it, and a text
-the gateway's tools print with a line ending comes without it.
-"""
+"""check_records_json.py SOURCE_DIR ZQDIAG [LAUNCHER...]: `zqdiag records --json` in a fresh lab per scenario
+against cli/schema/zqdiag-records.schema.json, and what the schema cannot say: a verdict is null exactly when
+the diagnosis did not give it, and a text the gateway's tools print with a line ending comes without it."""
 import json
 import os
 import subprocess
@@ -52,8 +48,7 @@ for scenario, args in [("healthy-gpon", ()), ("healthy-gpon", ("--mode", "3")), 
             check((state is None) == (family not in wan["protocol"]),
                   "%s: %s_conn_state %r for protocol %r" % (name, family, state, wan["protocol"]))
     if (scenario, args) == ("healthy-gpon", ()):
-        # A healthy whole diagnosis judges its Internet WAN; the PON's texts,
-        # which diagM prints with a line ending, come without one.
+        # A healthy whole diagnosis judges its Internet WAN; the PON's texts come without diagM's line ending.
         wan = fields(doc, "WAN_DIAG_DATA")[0]
         check(wan["dns_state"] == 0 and wan["route_state"] == 0 and wan["params_state"] == 0,
               "healthy-gpon: the Internet WAN's verdicts %r" % {k: wan[k] for k in LATER})
