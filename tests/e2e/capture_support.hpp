@@ -1,5 +1,4 @@
-// A management process's capture through the shipped library, and the sign
-// that rotate mode has ended.
+// A management process's capture through the shipped library, and the sign that rotate mode has ended.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +11,8 @@ using namespace zq;
 
 namespace e2e {
 
-// Starts a user capture (mode 0 single, 1 rotate) on all interfaces through
-// the capture block, with the lab's FTP server for rotate mode's uploads.
+// Starts a user capture (0 single, 1 rotate) on all interfaces, rotate mode uploading to the lab's FTP
+// server.
 inline int start_capture(uint32_t mode) {
     g_cap_exec = {};
     g_cap_exec.mode = mode;
@@ -25,11 +24,8 @@ inline int start_capture(uint32_t mode) {
     return capture_set();
 }
 
-// Rotate mode has ended: its threads (the watcher, the uploader and the end,
-// all in this process) are gone; the end stops, releases, removes the files
-// and the route before its thread ends, and the uploader has finished its
-// last transfer. (The journal's last route command is no sign: an upload
-// that outlasts the end's wait adds its route after the end's removal.)
+// Rotate mode has ended: its threads (watcher, uploader, end) are gone. Not the journal's last route command:
+// an upload that outlasts the end's wait adds its route after the end removed it.
 inline bool rotate_chain_ended() { return count_rotate_threads() == 0; }
 
 } // namespace e2e

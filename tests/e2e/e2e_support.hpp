@@ -1,9 +1,10 @@
-// What a management process does with the shipped library, and how the
-// end-to-end tests read what it left: the diagnosis log and the records.
+// What a management process does with the shipped library, and how the tests read the log and records it
+// left.
 #pragma once
 
 #include <chrono>
 #include <gtest/gtest.h>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,15 +14,18 @@
 
 namespace e2e {
 
-// Waits up to a minute for the diagnosis block's worker to end.
-inline void wait_for_worker() {
-    for (int i = 0; i < 6000 && __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(g_diag_exec.worker, 0ul);
+// Whether `done` holds within `seconds`.
+template <class Done> bool wait_until(Done done, int seconds = 60) {
+    for (int i = 0; i < seconds * 50 && !done(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return done();
 }
 
-// Starts a run through the control block and waits for its end state, as a
-// management process would.
+inline void wait_for_worker() {
+    EXPECT_TRUE(wait_until([] { return __atomic_load_n(&g_diag_exec.worker, __ATOMIC_ACQUIRE) == 0; }));
+}
+
+// Starts a run through the control block and waits for its end state, as a management process would.
 inline int run_and_wait(uint32_t kind, uint32_t mode) {
     g_diag_exec.kind = kind;
     g_diag_exec.mode = mode;
@@ -35,8 +39,16 @@ inline int run_and_wait(uint32_t kind, uint32_t mode) {
 
 inline std::string diag_log() { return zqlab::read_file("/tmp/diag_file/diag_log"); }
 
-// The findings of one step in the log: what follows its header up to the
-// next header. "(no such step)" when the step is not in the log.
+// The log of a whole diagnosis of `scenario` (the lab as it stands when empty).
+inline std::string diagnose(const std::string &scenario) {
+    if (!scenario.empty()) zqlab::scenario(scenario);
+    zqlab::set("ping.interval", "0.2"); // the verdicts, not the seconds the probes take, are under test
+    EXPECT_EQ(run_and_wait(0, 0), 0);
+    EXPECT_EQ(g_diag_exec.state, EXEC_DONE);
+    return diag_log();
+}
+
+// The findings of one step in the log, up to the next header; "(no such step)" when it is not there.
 inline std::string step_findings(const std::string &log, const std::string &method,
                                  const std::string &action = "diag") {
     const std::string header = "\n>>>> " + method + " " + action + " <<<<\n";
@@ -50,19 +62,13 @@ inline std::string step_findings(const std::string &log, const std::string &meth
 // The methods of the log's steps of one action, in order.
 inline std::vector<std::string> step_names(const std::string &log, const std::string &action = "diag") {
     std::vector<std::string> names;
-    const std::string head = "\n>>>> ", tail = " " + action + " <<<<\n";
-    for (size_t at = log.find(head); at != std::string::npos; at = log.find(head, at + 1)) {
-        const size_t end = log.find('\n', at + 1);
-        const std::string line = log.substr(at, end == std::string::npos ? end : end + 1 - at);
-        if (line.size() > head.size() + tail.size() &&
-            line.compare(line.size() - tail.size(), tail.size(), tail) == 0)
-            names.push_back(line.substr(head.size(), line.size() - head.size() - tail.size()));
-    }
+    const std::regex header("\n>>>> (.+) " + action + " <<<<(?=\n)");
+    for (std::sregex_iterator it(log.begin(), log.end(), header), end; it != end; ++it)
+        names.push_back((*it)[1]);
     return names;
 }
 
-// Copies of the records of one type, in chain order, read the way an
-// outside process reads them.
+// Copies of the records of one type, in chain order, read the way an outside process reads them.
 template <class T> std::vector<T> records(uint32_t type) {
     std::vector<T> out;
     const diag_data_node *node = zq_search_diag_record(type);

@@ -3,24 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include "lab/zqlab.hpp"
 #include "tests/e2e/capture_support.hpp"
+#include "tests/e2e/e2e_support.hpp"
 #include "zq_diag.h"
 
 namespace {
 
-template <class Done> bool wait_until(Done done) {
-    for (int i = 0; i < 3000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return done();
-}
+using e2e::wait_until;
 
 // `fn`'s result in another process (of another management process of the gateway).
 int in_other_process(int (*fn)()) {
@@ -35,12 +31,15 @@ int take_permit() { return get_diag_permit() == 0 ? 0 : 1; }
 // One process frees the permit (as a tool that saw the holder die does), a third takes it and keeps it.
 void permit_passes_to_another_process() {
     ASSERT_EQ(in_other_process([] { return release_diag_permit(); }), 0);
-    ASSERT_EQ(is_diag_permit_holding(), 0);
-    ASSERT_EQ(in_other_process(take_permit), 0);
+    ASSERT_EQ(in_other_process(take_permit), 0); // a try: it was free
     ASSERT_EQ(is_diag_permit_holding(), 1);
 }
 
 std::vector<int> tcpdumps() { return zqlab::pids("tcpdump"); }
+int stop_capture() {
+    g_cap_exec.action = 0;
+    return capture_set();
+}
 
 // A process named tcpdump that is not this library's capture, a child that only waits (and dies with the
 // test); `immune` outlives the default signal of "pgrep tcpdump | xargs kill".
@@ -85,9 +84,7 @@ void end_rotate_mode_leaving(const std::vector<int> &other) {
 // another process's capture runs by now with the permit, it leaves both.
 TEST(PermitHolder, StopAfterTheCaptureEnded) {
     single_capture_ends_by_itself();
-    g_cap_exec.action = 0; // stop
-    EXPECT_EQ(capture_set(), 0);
-    EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
+    EXPECT_EQ(stop_capture(), 0); // its state: Capture.StartAndStopThroughTheBlock
     EXPECT_EQ(is_diag_permit_holding(), 0);
     EXPECT_EQ(zqlab::run("tar -tf /tmp/capture_file/capture.tar"), "capture.pcap\n");
 
@@ -95,8 +92,7 @@ TEST(PermitHolder, StopAfterTheCaptureEnded) {
     permit_passes_to_another_process();
     start_other_tcpdump(false);
     const std::vector<int> other = tcpdumps();
-    g_cap_exec.action = 0; // stop
-    EXPECT_EQ(capture_set(), 0);
+    EXPECT_EQ(stop_capture(), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_DONE);
     EXPECT_EQ(is_diag_permit_holding(), 1) << "the other process's permit was freed";
     EXPECT_EQ(tcpdumps(), other) << "the other process's tcpdump was stopped";
@@ -107,8 +103,7 @@ TEST(PermitHolder, RotateEndAfterTheUserStopLeavesTheNextHolder) {
     start_rotate_mode();
     start_other_tcpdump(true);
     ASSERT_EQ(tcpdumps().size(), 2u);
-    g_cap_exec.action = 0; // stop
-    EXPECT_EQ(capture_set(), 0);
+    EXPECT_EQ(stop_capture(), 0);
     EXPECT_EQ(g_cap_exec.state, EXEC_IDLE);
     ASSERT_EQ(is_diag_permit_holding(), 0) << "the stop gives the permit back";
     ASSERT_EQ(in_other_process(take_permit), 0);

@@ -1,6 +1,4 @@
-// What tcpdump printed of a real exchange, made comparable with its fixture
-// (fixtures/SCENARIO.txt): what changes from run to run becomes "N", and a
-// run of retries counts once.
+// What tcpdump printed of a real exchange, made comparable with its fixture (fixtures/SCENARIO.txt).
 #pragma once
 
 #include <cstdlib>
@@ -11,9 +9,8 @@
 
 namespace exchange {
 
-// Transaction ids, IP ids and the veth's random MAC address become "N"; the
-// seconds a DHCP client has been trying go (tcpdump leaves them out while
-// they are 0, and a loaded machine can take a second between two packets).
+// Transaction ids, IP ids and the veth's random MAC address become "N"; the seconds a DHCP client has been
+// trying go (tcpdump leaves them out while 0, and a loaded machine can take a second between two packets).
 inline std::string normalized(std::string text) {
     const std::pair<const char *, const char *> changes[] = {{"[0-9a-f]{2}(:[0-9a-f]{2}){5}", "N"},
                                                              {"xid 0x[0-9a-f]+", "xid 0xN"},
@@ -23,32 +20,21 @@ inline std::string normalized(std::string text) {
     return text;
 }
 
-// How many times a client repeats a request within the capture depends on
-// the machine's load: a packet (a line that starts without a blank and the
-// lines under it) equal to the one before but for the PPP identifier that
-// each retry counts up is left out.
+// How often a client repeats a request depends on the machine's load: a packet (a line and the blank-led
+// lines under it) equal to the one before but for the PPP identifier goes.
 inline std::string without_retries(const std::string &text) {
-    const std::regex retry_id("\\), id [0-9]+");
+    const std::regex packet("[^\\n]*\\n?([ \\t][^\\n]*\\n?)*"), retry_id("\\), id [0-9]+");
     std::string out, last;
-    size_t at = 0;
-    while (at < text.size()) {
-        size_t end = at;
-        do {
-            end = text.find('\n', end);
-            end = end == std::string::npos ? text.size() : end + 1;
-        } while (end < text.size() && (text[end] == ' ' || text[end] == '\t'));
-        const std::string packet = text.substr(at, end - at);
+    for (std::sregex_iterator it(text.begin(), text.end(), packet), end; it != end; ++it) {
         const std::string key =
-            std::regex_replace(packet, retry_id, "), id N", std::regex_constants::format_first_only);
-        if (key != last) out += packet;
+            std::regex_replace(it->str(), retry_id, "), id N", std::regex_constants::format_first_only);
+        if (key != last) out += it->str();
         last = key;
-        at = end;
     }
     return out;
 }
 
-// The fixture's text; with ZQ_UPDATE_FIXTURES set in the environment it is
-// first rewritten with `actual`.
+// The fixture's text; with ZQ_UPDATE_FIXTURES set in the environment it is first rewritten with `actual`.
 inline std::string fixture(const std::string &name, const char *actual = nullptr) {
     const std::string path = std::string(ZQ_NETWORK_DIR) + "/fixtures/" + name;
     if (actual && getenv("ZQ_UPDATE_FIXTURES")) std::ofstream(path) << actual;

@@ -1,6 +1,5 @@
-// dhcp_status and pppoe_status beside their real exchanges (tests/e2e/wan_e2e_test.cpp):
-// connections they leave alone, captures without the connection's packets, two DHCP
-// connections at once, the interface filter, text beyond pppoe_status's buffers and fields.
+// dhcp_status and pppoe_status beside their real exchanges (tests/e2e): what they leave alone, captures
+// without the connection's packets, two DHCP connections, text beyond pppoe_status's buffers and fields.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,23 +16,26 @@ using namespace zq;
 
 namespace {
 
-class Fresh : public ::testing::Test {
+class PppoeStatus : public ::testing::Test {
   protected:
     void SetUp() override {
         clear_diag_chain();
         zq_diag_msg_reset();
     }
 };
+using DhcpStatus = PppoeStatus;
 
-// Stores a WAN record that is down, as wan_status would (texts cut to
-// their fields).
-void store_down_wan(const char *name, const char *ifc, const char *type) {
+// Stores a WAN record as wan_status would (texts cut to their fields): its service down unless `state` says.
+void store_wan(const char *name, const char *ifc, const char *type, uint32_t state = 0,
+               uint32_t dhcp_state = 0) {
     zqSD_wan_diag wan{};
     zq::copy(wan.wan_name, name);
     zq::copy(wan.nas_interface, ifc);
     zq::copy(wan.type, type);
     zq::copy(wan.protocol, "IPv4");
-    wan.v4_conn_state = zq::contains(type, "ppp") ? WAN_PPP_SERVICE_ERROR : WAN_DHCP_SERVICE_ERROR;
+    const uint32_t down = zq::contains(type, "ppp") ? WAN_PPP_SERVICE_ERROR : WAN_DHCP_SERVICE_ERROR;
+    wan.v4_conn_state = state ? state : down;
+    wan.dhcp_state = dhcp_state;
     zq_diag_record(WAN_DIAG_DATA, &wan, sizeof(wan));
 }
 
@@ -45,9 +47,6 @@ const zqSD_wan_diag *wan_record(int position) {
 
 constexpr const char *PPP_HEADING = "[error  ]2_INTERNET_R_VID_200[ipv4] PPPoE:\n";
 
-class PppoeStatus : public Fresh {};
-class DhcpStatus : public Fresh {};
-
 uint32_t analyse(const std::string &text) {
     zq_diag_msg_reset();
     zqlab::write_file("/tmp/capture_file/capture_parse", text);
@@ -55,12 +54,8 @@ uint32_t analyse(const std::string &text) {
 }
 
 TEST_F(PppoeStatus, ConnectionsUpOrOfOtherTypesRunNoCapture) {
-    zqSD_wan_diag up{};
-    strcpy(up.wan_name, "1_PPP_UP");
-    strcpy(up.type, "route-ppp");
-    up.v4_conn_state = WAN_CONNECT_UNSTABLE;
-    zq_diag_record(WAN_DIAG_DATA, &up, sizeof(up));
-    store_down_wan("2_DHCP", "nas0_0", "route-dhcp");
+    store_wan("1_PPP_UP", "", "route-ppp", WAN_CONNECT_UNSTABLE);
+    store_wan("2_DHCP", "nas0_0", "route-dhcp");
     uint32_t result = 77;
     EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
     EXPECT_EQ(std::string(zq_diag_msg), "[normal ]1_PPP_UP[ipv4] PPPoE:\n");
@@ -71,7 +66,7 @@ TEST_F(PppoeStatus, ConnectionsUpOrOfOtherTypesRunNoCapture) {
 
 TEST_F(PppoeStatus, NoPacketsAtAll) {
     // No link: the capture holds no PPPoE packet of any interface.
-    store_down_wan("2_INTERNET_R_VID_200", "nas0_1", "route-ppp");
+    store_wan("2_INTERNET_R_VID_200", "nas0_1", "route-ppp");
     uint32_t result = 77;
     EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
     EXPECT_EQ(std::string(zq_diag_msg),
@@ -83,7 +78,7 @@ TEST_F(PppoeStatus, NoPacketsAtAll) {
 TEST_F(PppoeStatus, PacketsOfAnotherInterfaceOnly) {
     // The exchange runs on nas0_1; the connection's interface sees none of it.
     zqlab::scenario("pppoe-success");
-    store_down_wan("2_INTERNET_R_VID_200", "nas0_9", "route-ppp");
+    store_wan("2_INTERNET_R_VID_200", "nas0_9", "route-ppp");
     uint32_t result = 77;
     EXPECT_EQ(zq_get_sys_diag("pppoe_status", ACTION_DIAG, zq_args(nullptr, 0, &result, 4)), 0);
     EXPECT_EQ(std::string(zq_diag_msg), PPP_HEADING);
@@ -91,7 +86,8 @@ TEST_F(PppoeStatus, PacketsOfAnotherInterfaceOnly) {
 }
 
 TEST_F(PppoeStatus, TextBeyondTheBuffersIsCut) {
-    const std::string chap = exchange::fixture("pppoe-chap-failure.txt");
+    const std::string two = exchange::fixture("pppoe-two-services.txt"); // its first session: CHAP refused
+    const std::string chap = two.substr(0, two.find("nas0_1 Out PPPoE PADI", 1));
     std::string padded = chap;
     for (size_t at = padded.find("isp1"); at != std::string::npos; at = padded.find("isp1", at))
         padded[at + 3] = '2';
@@ -151,13 +147,8 @@ TEST_F(PppoeStatus, OptionReadsStayInTheirFields) {
 }
 
 TEST_F(DhcpStatus, ConnectionsUpOrOfOtherTypesRunNoCapture) {
-    zqSD_wan_diag up{};
-    strcpy(up.wan_name, "1_DHCP_UP");
-    strcpy(up.type, "route-dhcp");
-    up.v4_conn_state = WAN_CONNECT_UNSTABLE;
-    up.dhcp_state = 9;
-    zq_diag_record(WAN_DIAG_DATA, &up, sizeof(up));
-    store_down_wan("2_PPP", "nas0_1", "route-ppp");
+    store_wan("1_DHCP_UP", "", "route-dhcp", WAN_CONNECT_UNSTABLE, 9);
+    store_wan("2_PPP", "nas0_1", "route-ppp");
     EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0);
     EXPECT_EQ(std::string(zq_diag_msg), "[normal ]1_DHCP_UP[ipv4] DHCP status is normal\n");
     EXPECT_EQ(wan_record(0)->dhcp_state, 0u);
@@ -166,25 +157,24 @@ TEST_F(DhcpStatus, ConnectionsUpOrOfOtherTypesRunNoCapture) {
 
 TEST_F(DhcpStatus, NoPacketsAtAll) {
     zqlab::set("wan.num", "0"); // no WAN link at all: no client, no packet
-    store_down_wan("1_TR069_INTERNET_R_VID_100", "nas0_0", "route-dhcp");
+    store_wan("1_TR069_INTERNET_R_VID_100", "nas0_0", "route-dhcp");
     EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0);
     EXPECT_EQ(std::string(zq_diag_msg), "[error  ]1_TR069_INTERNET_R_VID_100[ipv4] DHCP:\n"
                                         "[warn   ]\tCan not find any dhcp packets within specified time\n");
     EXPECT_EQ(wan_record(0)->dhcp_state, 0u);
 }
 
-// Two DHCP connections that are down: one capture and one WAN restart,
-// each judged on its own interface index; a name that is not a plain
-// interface name never reaches grep.
+// Two DHCP connections that are down: one capture and one WAN restart, each judged on its own interface
+// index; a name that is not a plain interface name never reaches grep.
 TEST_F(DhcpStatus, TwoConnectionsShareOneCapture) {
     zqlab::scenario("dhcp-server");
     zqlab::set("wan.2.type", "route-dhcp");
     zqlab::set("wan.2.protocol", "IPv4");
     zqlab::set("wan.2.nas_interface", "nas0_2");
     zqlab::set("wan.num", "3");
-    store_down_wan("1_A", "nas0_0", "route-dhcp");
-    store_down_wan("3_B", "nas0_2", "route-dhcp");
-    store_down_wan("4_C", "nas0_2;touch /tmp/canary", "route-dhcp");
+    store_wan("1_A", "nas0_0", "route-dhcp");
+    store_wan("3_B", "nas0_2", "route-dhcp");
+    store_wan("4_C", "nas0_2;touch /tmp/canary", "route-dhcp");
     EXPECT_EQ(zq_get_sys_diag("dhcp_status", ACTION_DIAG, {}), 0);
     EXPECT_EQ(std::string(zq_diag_msg), "[error  ]1_A[ipv4] DHCP:\n[normal ]\tDhcp server responded\n"
                                         "[error  ]3_B[ipv4] DHCP:\n[warn   ]\tNo dhcp server responded\n"
@@ -195,8 +185,7 @@ TEST_F(DhcpStatus, TwoConnectionsShareOneCapture) {
     EXPECT_FALSE(zqlab::file_exists("/tmp/canary"));
 }
 
-// The index is the fourth word of the first line naming the interface, as
-// atoi reads it; only 0 (no number) refuses the interface.
+// The index is the fourth word of the first line naming the interface, as atoi reads it; 0 refuses it.
 TEST_F(DhcpStatus, InterfaceIndexOfTheFirstLine) {
     const std::pair<const char *, int> cases[] = {
         {"nas0_0 Out ifindex 3 IP 0.0.0.0.68 > 255.255.255.255.67: BOOTP/DHCP\n", 0},
