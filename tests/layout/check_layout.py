@@ -3,8 +3,8 @@
 
 - folders import downwards only (LAYERS, then TOP): an #include "..." of a folder above the file's own fails;
 - no source, script or text file is over 600 lines (data such as fuzz seeds and golden logs aside);
-- the tests stay within their share of the code: non-blank lines under tests/ over those of CODE (a ratchet,
-  lowered as the suite is cut towards a third)."""
+- the tests stay within their share of the code: non-blank lines under tests/ over those of CODE (at most
+  MAX_TEST_RATIO, about a third)."""
 import os
 import re
 import sys
@@ -16,7 +16,7 @@ TEXT = SOURCE + (".py", ".sh", ".md", ".cmake", ".txt", ".scn")
 MAX_LINES = 600
 LONG_ALLOWED = {"include/zq_diag.h"}  # every exported declaration with its contract stays in one header
 CODE = {"include", "engine", "records", "methods", "capture", "upload", "cli", "lab"}
-MAX_TEST_RATIO = 0.55
+MAX_TEST_RATIO = 0.35
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
