@@ -4,7 +4,7 @@
 
 #include <chrono>
 #include <gtest/gtest.h>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,9 +62,11 @@ inline std::string step_findings(const std::string &log, const std::string &meth
 // The methods of the log's steps of one action, in order.
 inline std::vector<std::string> step_names(const std::string &log, const std::string &action = "diag") {
     std::vector<std::string> names;
-    const std::regex header("\n>>>> (.+) " + action + " <<<<(?=\n)");
-    for (std::sregex_iterator it(log.begin(), log.end(), header), end; it != end; ++it)
-        names.push_back((*it)[1]);
+    const std::string head = ">>>> ", tail = " " + action + " <<<<";
+    std::istringstream in(log);
+    for (std::string line; std::getline(in, line);)
+        if (line.size() > head.size() + tail.size() && line.starts_with(head) && line.ends_with(tail))
+            names.push_back(line.substr(head.size(), line.size() - head.size() - tail.size()));
     return names;
 }
 
