@@ -61,6 +61,10 @@ TEST(RotateEndToEnd, EveryFinishedFileArrivesAsAValidCaptureInOrder) {
         last_at = at;
     }
     EXPECT_GE(files, 2);
+    // Each file asks for its route to the server again (a WAN restart in between drops it).
+    const auto diagm = zqlab::journal("diagM");
+    EXPECT_EQ(std::count(diagm.begin(), diagm.end(), "diagM wan_route add 203.0.113.21 0"), files + 1)
+        << "one for the transport test, one a file";
     EXPECT_GE(zqlab::read_file(std::string(FTP_DIR) + "cap_0.pcap").size(), 1000000u)
         << "a file rolls over at 1 MB";
 }
