@@ -233,6 +233,18 @@ TEST(Faults, DiagnosisLogUnwritable) {
     EXPECT_EQ(zq_packet_diag_file(), 0) << "the archive command ran; tar's status is not judged";
 }
 
+// Rotate mode in a full /tmp: the transport test file cannot be written, so the chain ends at once (nothing
+// is sent, tcpdump stops, the permit comes back) instead of sending an empty test file and capturing on.
+TEST(Faults, TmpFullEndsRotateModeAtItsTransportTest) {
+    zqlab::set("tmp.free", "0");
+    log_of([] { EXPECT_EQ(e2e::start_capture(1), 0); });
+    ASSERT_TRUE(eventually([] { return state_of(g_cap_exec) == EXEC_IDLE; }));
+    ASSERT_TRUE(eventually(e2e::rotate_chain_ended));
+    EXPECT_EQ(is_diag_permit_holding(), 0);
+    EXPECT_TRUE(zqlab::pids("tcpdump").empty());
+    EXPECT_FALSE(zqlab::file_exists("/run/zqlab/isp/ftp/upload/transport_test"));
+}
+
 // The watchdog only reports a dead single capture, once: no packing, no release, a later stop does nothing.
 TEST(Faults, TcpdumpDiesMidCapture) {
     ASSERT_EQ(e2e::start_capture(0), 0);
