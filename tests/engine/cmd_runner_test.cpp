@@ -103,6 +103,9 @@ TEST(CommandRunner, WrappersGuardTheirInput) {
     EXPECT_EQ(zq_get_cmd_buff("echo x", out, 63), 0); // buffer too small for the validator
     EXPECT_EQ(out[0], 'X');
     EXPECT_STREQ(zq_get_cmd_result(nullptr), "");
+    EXPECT_EQ(zq_get_cmd_buff("id", out, sizeof(out)),
+              0); // the shortest command the rules take, with its NUL
+    EXPECT_EQ(std::string(out).rfind("uid=", 0), 0u) << out;
 }
 
 } // namespace
