@@ -116,6 +116,16 @@ TEST(OutsideText, InjectionPayloadsAreRefusedWithALogLine) {
     EXPECT_TRUE(zqlab::journal("diagM").empty());
 }
 
+// A command one byte too long for its buffer is refused whole, never run cut.
+TEST(Transfer, CommandThatFillsItsBufferIsRefused) {
+    char cmd[8];
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(format_cmd("t", cmd, sizeof(cmd), "%s", "echo 12"));
+    EXPECT_FALSE(format_cmd("t", cmd, sizeof(cmd), "%s", "echo 123"));
+    testing::internal::GetCapturedStdout();
+    EXPECT_STREQ(cmd, "");
+}
+
 TEST(Transfer, RefusalsBeforeAnyTransfer) {
     const std::tuple<const char *, uint32_t, const char *, const char *> cases[] = {
         {"", 0, "/etc/version", "file upload params error"},
