@@ -74,6 +74,11 @@ TEST(WanEndToEnd, RouteMissing) {
     zqSD_wan_diag want = healthy_wan();
     want.route_state = 1;
     expect_only_wan(d, want);
+    // Each LAN port is asked for by its own number: the first is up, the other three down.
+    const auto ports = e2e::records<zqSD_port_diag>(PORT_DIAG_DATA);
+    ASSERT_EQ(ports.size(), 4u);
+    for (size_t i = 0; i < ports.size(); ++i)
+        EXPECT_EQ(std::string(ports[i].status) + ports[i].speed, i == 0 ? "Up1000" : "Down0") << "port " << i;
 }
 
 TEST(WanEndToEnd, DualStackAndParametersOff) {
