@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "lab/zqlab.hpp"
@@ -131,6 +132,20 @@ TEST_F(SysStatus, StructGetterFillsTheStatusBlock) {
 }
 
 // A listing the shell could not make says nothing about the servers.
+// 80 % is the last load that is no finding, for memory and CPU alike.
+TEST_F(SysStatus, LoadAboveEightyPercentIsWarned) {
+    zqlab::set("cpu.usage", "80");
+    zqlab::set("mem.total", "1000");
+    zqlab::set("mem.used", "800");
+    EXPECT_EQ(run_step("sys_status", ACTION_DIAG).result, 0u);
+    zqlab::set("cpu.usage", "81");
+    zqlab::set("mem.used", "810");
+    const Step step = run_step("sys_status", ACTION_DIAG);
+    EXPECT_EQ(step.result, 48u);
+    EXPECT_EQ(step.findings,
+              "[warn   ]System memory usage exceeded 80%\n[warn   ]System CPU usage exceeded 80%\n");
+}
+
 TEST_F(SysStatus, UnusableProcessListIsNoDuplicate) {
     fake_ps("ps: /bin/udhcpd: not found\n/bin/udhcpd -S /var/udhcpd/udhcpd.conf\n");
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(if_multi_udhcpd_exist(), 0); }), "need 'pgrep' util support"));
@@ -270,6 +285,43 @@ TEST_F(Method, RouteStatusStructGetterNeedsRoomForTheTable) {
     EXPECT_EQ(small[0], 'x');
     uint32_t word = 0;
     EXPECT_EQ(zq_get_sys_diag("route_status", ACTION_DIAG, zq_args(nullptr, 0, &word, 8)), -4);
+}
+
+// ping's statistics as busybox and iputils print them, and the verdict rules at their bounds.
+TEST(PingParser, StatisticsOfBothPingsAndTheVerdictRules) {
+    constexpr uint32_t U = 77; // untouched
+    const std::string all = "5 packets transmitted, 5 packets received, 0% packet loss\n",
+                      rtt = all + "round-trip min/avg/max = ";
+    const std::tuple<std::string, uint8_t, uint8_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>
+        cases[] = {
+            {"", 100, 1, U, U, U, U, PING_NO_STATS},
+            {"5 packets transmitted, 0 packets received, 100% packet loss\n", 100, 0, U, U, U, U,
+             PING_UNREACHABLE},
+            {rtt + "0.101/0.220/0.415 ms\n", 0, 0, 0, 0, 0, 0, PING_NORMAL}, // fractions are cut
+            {rtt + "10.1/50.5/80.9 ms\n", 0, 0, 50, 10, 80, 70, PING_JITTER},
+            {rtt + "1.0/5.0/11.0 ms\n", 0, 0, 5, 1, 11, 10, PING_NORMAL}, // a jitter of exactly 10 is none
+            {rtt + "190.0/200.9/200.0 ms\n", 0, 0, 200, 190, 200, 10, PING_NORMAL}, // 200 ms is not slow
+            {rtt + "195.0/201.0/205.0 ms\n", 0, 0, 201, 195, 205, 10, PING_SLOW},
+            {"3 packets transmitted, 2 received, 33.3% packet loss, time 2003ms\n", 33, 0, 0, 0, 0, 0,
+             PING_LOSS},
+            {"5 packets transmitted, 5 received, 0% packet loss, time 4005ms\nrtt min/avg/max/mdev = "
+             "1.1/2.2/3.3/0.4 ms\n",
+             0, 0, 2, 1, 3, 2, PING_NORMAL}, // iputils: mdev after max
+            {all + "round-trip min/avg/max 1/2/3 ms\n", 0, 0, 0, 0, 0, 0,
+             PING_NORMAL},                                            // no '=': nothing is read
+            {rtt + "1/2/3", 0, 0, 2, 1, 0, 4294967295u, PING_JITTER}, // jitter = max - min, unsigned
+            {rtt + "1234567890123456789012345678901234567890/2/3 ms\n", 0, 0, 2, 0, 3, 3, PING_NORMAL},
+            {rtt + std::string(31, '1') + "/2/3 ms\n", 0, 0, 2, 2147483647u, 3, 2147483652u,
+             PING_JITTER}, // longest read
+        };
+    for (const auto &[text, loss, no_stats, avg, min, max, jitter, verdict] : cases) {
+        ping_result r{};
+        r.avg = r.min = r.max = r.jitter = U;
+        parse_ping_output(text, r);
+        EXPECT_EQ(std::tuple(r.loss, r.no_stats, r.avg, r.min, r.max, r.jitter, ping_verdict(r)),
+                  std::tuple(loss, no_stats, avg, min, max, jitter, verdict))
+            << text;
+    }
 }
 
 } // namespace
