@@ -102,6 +102,7 @@ TEST(UploadEndToEnd, UnsynchronisedClockSendsTheArchiveUnderItsOwnName) {
     EXPECT_EQ(zqlab::run("tar -tf " + std::string(FTP_DIR) + "diag_log.tar"),
               "diag_log\ncmd_log\nfirewall_stat\nconfig_stat\n");
     EXPECT_FALSE(zqlab::file_exists("/tmp/diag_file/diag_log.tar"));
+    EXPECT_TRUE(zqlab::journal("ftp").empty()) << "wput sent it: the fallback client had nothing to do";
 }
 
 } // namespace
