@@ -79,6 +79,30 @@ TEST(WanEndToEnd, RouteMissing) {
     ASSERT_EQ(ports.size(), 4u);
     for (size_t i = 0; i < ports.size(); ++i)
         EXPECT_EQ(std::string(ports[i].status) + ports[i].speed, i == 0 ? "Up1000" : "Down0") << "port " << i;
+    // The records as the operator reads them at the end of the uploaded log (the daemons' pids aside).
+    std::string data = d.log.substr(std::min(d.log.find(">>>>>>> DIAG DATA"), d.log.size()));
+    for (size_t at; (at = data.find(".pid_")) != std::string::npos;) data.erase(at, data.find('\n', at) - at);
+    const std::string down = "port_status.status = Down\nport_status.speed = 0\nport_status.duplex = Half\n";
+    EXPECT_EQ(
+        data,
+        ">>>>>>> DIAG DATA <<<<<<<\n====== PORT_DIAG_DATA ======\n>> port 1\nport_status.status = Up\n"
+        "port_status.speed = 1000\nport_status.duplex = Full\n>> port 2\n" +
+            down + ">> port 3\n" + down + ">> port 4\n" + down +
+            "\n====== PON_DIAG_DATA ======\npon_status.pon_mode = GPON\n\npon_status.rx_power = -18.52 dBm\n"
+            "pon_status.tx_power = 2.35 dBm\n\n====== WAN_DIAG_DATA ======\n"
+            "wan_status.wan_name = 1_TR069_INTERNET_R_VID_100\nwan_status.type = route-dhcp\n"
+            "wan_status.protocol = IPv4\nwan_status.nat_enable = 1\nwan_status.v4_ip = 192.0.2.10\n"
+            "wan_status.v4_gateway = 192.0.2.1\nwan_status.v4_master_dns = 198.51.100.53\n"
+            "wan_status.v4_slave_dns = 198.51.100.54\nwan_status.v6_ip = \nwan_status.v6_gateway = \n\n"
+            "==== DHCP_DIAG_DATA(server) ====\ndhcp_config_struct.ip_addr = 192.168.1.1\n"
+            "dhcp_config_struct.pool_addr_start = 192.168.1.2\ndhcp_config_struct.pool_addr_end = "
+            "192.168.1.254\n"
+            "dhcp_config_struct.subnet = 255.255.255.0\ndhcp_config_struct.gateway = 192.168.1.1\n"
+            "dhcp_config_struct.dns = 192.168.1.1\n\n====== SYS_DIAG_DATA ======\n"
+            "sys_status.sys_mem_total = 253476 KByte\nsys_status.sys_mem_free = 132436 KByte\n"
+            "sys_status.sys_mem_usage = 47 %\nsys_status.sys_cpu_usage = 12 %\nsys_status\nsys_status\n"
+            "sys_status\nsys_status.software_version = V2.1.0R5 [GENERIC]\n"
+            "sys_status.dnsmasq = 198.51.100.53/198.51.100.54/\n\n\n>>>> end diag <<<<\n");
 }
 
 TEST(WanEndToEnd, DualStackAndParametersOff) {
