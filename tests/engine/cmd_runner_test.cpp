@@ -14,6 +14,7 @@
 
 #include "engine/engine.h"
 #include "lab/zqlab.hpp"
+#include "tests/engine/address_space.hpp"
 
 using namespace zq;
 
@@ -60,19 +61,7 @@ TEST(CommandRunner, RingThatCannotBeArrangedIsTerminatedAndNotLogged) {
         const int fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) _exit(11);
         mallopt(M_MMAP_THRESHOLD, 64 * 1024); // large blocks always come from mmap
-        long pages = 0;
-        FILE *statm = fopen("/proc/self/statm", "r");
-        if (!statm || fscanf(statm, "%ld", &pages) != 1) _exit(12);
-        fclose(statm);
-        const rlim_t cap =
-            static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
-        const rlimit limit{cap, cap};
-        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(13);
-        // qemu-user takes the limit but does not apply it to the guest.
-        if (void *beyond = malloc(static_cast<size_t>(cap))) {
-            free(beyond);
-            _exit(NO_LIMIT_HERE);
-        }
+        if (!cap_address_space()) _exit(NO_LIMIT_HERE);
         const char *cmd = "yes | head -c 8388708";
         const int rc = zq_get_cmd_raw_data(zq_args(cmd, strlen(cmd) + 1, out, SIZE));
         fflush(stdout);

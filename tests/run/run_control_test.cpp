@@ -10,6 +10,7 @@
 
 #include "engine/engine.h"
 #include "records/records.h"
+#include "tests/engine/address_space.hpp"
 
 using namespace zq;
 
@@ -78,19 +79,7 @@ TEST_F(RunControl, WorkerThatCannotStartLeavesTheBlockAsItWas) {
     const pid_t child = fork();
     if (child == 0) {
         g_diag_exec.state = EXEC_DONE;
-        long pages = 0;
-        FILE *statm = fopen("/proc/self/statm", "r");
-        if (!statm || fscanf(statm, "%ld", &pages) != 1) _exit(12);
-        fclose(statm);
-        // Room for the request's own work, not for a thread's stack.
-        const rlim_t cap =
-            static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (2u << 20);
-        const rlimit limit{cap, cap};
-        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(13);
-        if (void *beyond = malloc(static_cast<size_t>(cap))) { // qemu-user does not apply the limit
-            free(beyond);
-            _exit(NO_LIMIT_HERE);
-        }
+        if (!cap_address_space()) _exit(NO_LIMIT_HERE); // room for the request, not for a thread's stack
         const int rc = diagnose_set();
         _exit(rc == -1 && g_diag_exec.state == EXEC_DONE && g_diag_exec.worker == 0 ? 0 : 20);
     }
