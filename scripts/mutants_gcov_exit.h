@@ -6,8 +6,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 #ifdef __cplusplus
-extern "C"
+extern "C" void __gcov_dump(void);
+#else
+void __gcov_dump(void);
 #endif
-    void
-    __gcov_dump(void);
 #define _exit(status) (__gcov_dump(), _exit(status))
